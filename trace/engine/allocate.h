@@ -1,0 +1,195 @@
+// Reservation of space for records in a mapped ring.
+//
+// The ring holds records one behind the other. Behind the newest stands the free record, and behind that the oldest:
+//
+//   200        pNextFree                                    pMapEnd
+//    │ … newest │ free      │ oldest │ next │ …    │ filler │
+//
+// A reservation takes over the free record and, when that is too small, the oldest records, until the room suffices for
+// the record and a free record behind it. At the end of the ring what is left becomes a filler and the walk goes on at
+// the front. A reader in another process finds a chain of lengths that it can walk between any two stores: a record
+// first covers all the space it takes over, the free record behind it is complete before the record is shortened to
+// point at it, and its kind tells that it is unfinished until its writer has filled it.
+//
+// What every record needs is inline, in the callers' code: a record costs some sixty cycles, and calls would be a good
+// part of them.
+#ifndef KZ_TRACE_ENGINE_ALLOCATE_H
+#define KZ_TRACE_ENGINE_ALLOCATE_H
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#include "cu/kz_cu.h"
+#include "trace/engine/repair.h"
+#include "trace/engine/ring.h"
+#include "trace/publish.h"
+#include "trace/trace.h"
+
+// ---- Rarely needed (allocate.cpp) ----
+
+#define TR_COLD __attribute__((noinline, cold))
+#define TR_INLINE __attribute__((always_inline)) inline // on the way of every record
+
+// Waits for a tail reader to let go of the record, up to 2 s; breaks the hold when it does not. Keeps errno. A
+// cancellation point.
+TR_COLD void wait_tail(trace_anchor_t *pAnchor, uint32_t seqNumber) TR_HOLDS(anchor_set_lock);
+
+// Decides on a request that is longer than the file accepts, or made while a tail reader has a request pending; then it
+// may ask the reader to catch up and wait for up to 0.5 s, a cancellation point. Returns whether the record is placed.
+TR_COLD bool may_be_placed(trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock);
+
+// Whether a walk made more steps than the ring can have records.
+TR_COLD bool is_walk_too_long(const trace_anchor_t *pAnchor, uint32_t length, uint64_t numSteps)
+    TR_HOLDS(anchor_set_lock);
+
+// Cuts a length that leads past the mapping so that it reaches its end exactly. Returns the new length.
+TR_COLD uint32_t repair_length(uint8_t *pRec, const uint8_t *pMapEnd, uint32_t badLength);
+
+// The walk reached the end of the ring: what it took over so far becomes a filler up to there, and the next record goes
+// to the front.
+__attribute__((noinline)) void go_to_front(trace_anchor_t *pAnchor, uint32_t accumulated) TR_HOLDS(anchor_set_lock);
+
+TR_COLD void log_odd_length(uint32_t length);
+
+// ---- The walk ----
+
+inline uint32_t next_seq(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
+    return pAnchor->seqNumber += TR_SEQ_STEP;
+}
+
+// The records that a reservation takes over, from pNextFree on. Positions are private; what the mapping says is read once
+// and checked.
+struct walk_t {
+    uint8_t *pRec;              // the next to be taken over
+    uint64_t uSize;             // bytes taken over
+    const uint8_t *pStart;      // the last start record among them, or null
+    bool bWrapped;              // went back to the front
+    trace_damage_kind_t damage; // met
+};
+
+// Takes over one record. Returns whether the walk is over: `needed` bytes are there, or damage was met.
+TR_INLINE bool take_record(trace_anchor_t *pAnchor, walk_t *pWalk, uint64_t needed) TR_HOLDS(anchor_set_lock) {
+    const uint8_t *const pMapEnd = pAnchor->pMapEnd;
+    auto rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
+    if (rest < TR_HEADER_LENGTH) [[unlikely]] {
+        if (rest != 0 || pWalk->bWrapped) { // the latter is a safeguard: what no ring could hold was refused before
+            pWalk->damage = rest != 0 ? TR_DAMAGE_OVERRUN : TR_DAMAGE_OVERWRAP;
+            return true;
+        }
+        go_to_front(pAnchor, static_cast<uint32_t>(pWalk->uSize));
+        pWalk->bWrapped = true;
+        pWalk->pRec = pAnchor->pWrap;
+        pWalk->uSize = 0;
+        rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
+    }
+    uint8_t *const pRec = pWalk->pRec;
+    const uint32_t seqNumber = record_seq(pRec);
+    if (seqNumber == observe(&header_of(pAnchor->pMap)->uSeqLock)) [[unlikely]]
+        wait_tail(pAnchor, seqNumber);
+    if (record_kind(pRec) == TR_KIND_START) [[unlikely]] {
+        if (rest >= sizeof(trace_record_start_t))
+            pWalk->pStart = pRec;
+    }
+    uint32_t recLength = record_length(pRec);
+    if (recLength > rest) [[unlikely]]
+        recLength = repair_length(pRec, pMapEnd, recLength);
+    pWalk->uSize += recLength;
+    pWalk->pRec = pRec + recLength;
+    return pWalk->uSize >= needed;
+}
+
+// Walks until there is room for `length` bytes and a free record behind, or damage is met.
+TR_INLINE walk_t find_room(trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock) {
+    // Every ring may have this many records; only a longer walk has its bound worked out.
+    constexpr uint64_t UNBOUNDED_STEPS = TR_MIN_FILE_SIZE / TR_HEADER_LENGTH;
+    const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
+    walk_t walk = {
+        .pRec = pAnchor->pNextFree, .uSize = 0, .pStart = nullptr, .bWrapped = false, .damage = TR_DAMAGE_NONE};
+    // Records of one size take two steps: these are not counted.
+    if (take_record(pAnchor, &walk, needed))
+        return walk;
+    if (take_record(pAnchor, &walk, needed)) [[likely]]
+        return walk;
+    for (uint64_t numSteps = 2;; numSteps++) {
+        if (numSteps > UNBOUNDED_STEPS && is_walk_too_long(pAnchor, length, numSteps)) [[unlikely]] {
+            walk.damage = TR_DAMAGE_LOOP;
+            return walk;
+        }
+        if (take_record(pAnchor, &walk, needed))
+            return walk;
+    }
+}
+
+// ---- Placing ----
+
+// Low 32 bits of the thread's identifier, asked for once.
+inline uint32_t thread_id() {
+    static thread_local constinit uint32_t tThreadId __attribute__((tls_model("initial-exec"))) = 0;
+    if (tThreadId == 0) [[unlikely]]
+        tThreadId = static_cast<uint32_t>(pthread_self());
+    return tThreadId;
+}
+
+// Places the record at pNextFree over the room found. The order of the stores is what readers rely on.
+TR_INLINE uint8_t *place_record(trace_anchor_t *pAnchor, uint32_t length, uint32_t room) TR_HOLDS(anchor_set_lock) {
+    uint8_t *const pRec = pAnchor->pNextFree;
+    // 1. The record covers all it takes over, and is recognisably unfinished.
+    publish_kind(pRec, TR_KIND_RESERVED);
+    publish_length(pRec, room);
+    publish_seq(pRec, next_seq(pAnchor));
+    uint8_t *const pMap = pAnchor->pMap;
+    uint8_t *pNextFree = pRec + length;
+    if (room == length + TR_HEADER_LENGTH) {
+        // 2. Nothing but a header would be left: the record keeps it, and the next one takes over the oldest.
+        pNextFree = pRec + room == pAnchor->pMapEnd ? pAnchor->pWrap : pRec + room;
+    } else {
+        // 3. The free record is complete before the record points at it.
+        write_free_record(pNextFree, room - length, TR_SEQ_FREE);
+        publish_length(pRec, length);
+    }
+    pAnchor->pNextFree = pNextFree;
+    // 4. Readers begin behind the newest record.
+    publish(&header_of(pMap)->uOldestRecordOffset, static_cast<uint32_t>(pNextFree - pMap));
+    store_at(pRec + offsetof(trace_record_header_t, threadId), thread_id());
+    store_at(pRec + offsetof(trace_record_header_t, timeStamp), cu_get_ctr_1());
+    return pRec;
+}
+
+// The same for a record that takes over a start record: the header inherits what that one said.
+TR_COLD uint8_t *place_over_start(trace_anchor_t *pAnchor, uint32_t length, uint32_t room, const uint8_t *pStart)
+    TR_HOLDS(anchor_set_lock);
+
+// Reserves space in one file or page.
+TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *pReqLength) TR_HOLDS(anchor_set_lock) {
+    const uint32_t uMaxSize = pAnchor->uMaxSize;
+    if (uMaxSize == 0) [[unlikely]] // not started, or damaged
+        return nullptr;
+    const uint32_t length = *pReqLength;
+    if (observe(&header_of(pAnchor->pMap)->uTailReq) != 0 || length > uMaxSize) [[unlikely]] {
+        if (!may_be_placed(pAnchor, length))
+            return nullptr;
+    }
+    if (length % 2 != 0) [[unlikely]]
+        log_odd_length(length);
+    const walk_t walk = find_room(pAnchor, length);
+    if (walk.damage != TR_DAMAGE_NONE) [[unlikely]] {
+        note_damage(pAnchor, walk.damage, length);
+        return nullptr;
+    }
+    const auto room = static_cast<uint32_t>(walk.uSize);
+    if (walk.pStart != nullptr) [[unlikely]]
+        return place_over_start(pAnchor, length, room, walk.pStart);
+    return place_record(pAnchor, length, room);
+}
+
+// Reserves a record of `*pReqLength` bytes, header included, a multiple of 4. Its kind is TR_KIND_RESERVED and its
+// length, number, thread and stamp are set; the caller stores the component identifier and the body, and publishes the
+// kind last. The record may stand at any address when the ring was harmed. Returns null when nothing can be reserved:
+// not started, too long, or damaged, which is noted for repair_damage(). May wait for a tail reader, up to 2.5 s, with
+// the lock held: a cancellation point then.
+TR_INLINE uint8_t *allocate_space(trace_anchor_t *pAnchor, const uint32_t *pReqLength) TR_HOLDS(anchor_set_lock) {
+    return allocate_space_page(pAnchor, pReqLength);
+}
+
+#endif

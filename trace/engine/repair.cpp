@@ -1,0 +1,96 @@
+// Files found damaged by their writer.
+//
+// The reservation that meets damage only notes it: it holds the anchor-set lock, and repairing needs the global lock,
+// which comes first. The recorder repairs after it released its lock; meanwhile others find the note and record
+// nothing.
+//
+//   intact ──note_damage──▶ noted ──take_damage──▶ taken ──repair, or a stop──▶ intact
+#include <stdio.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "trace/engine/repair.h"
+#include "trace/engine/starting.h"
+#include "trace/engine/stopping.h"
+#include "trace/publish.h"
+
+constexpr size_t TR_LOOP_TEXT_SIZE = 59; // bytes; a longer line is cut
+
+void note_damage(trace_anchor_t *pAnchor, trace_damage_kind_t kind, uint32_t uReqLength) {
+    pAnchor->damage = {.kind = kind, .bTaken = false, .uReqLength = uReqLength};
+    publish(&pAnchor->uMaxSize, uint32_t{0}); // recorders take it for not started
+}
+
+bool take_damage(trace_anchor_t *pAnchor, trace_damage_t *pDamage) {
+    if (pAnchor->damage.kind == TR_DAMAGE_NONE || pAnchor->damage.bTaken)
+        return false;
+    pAnchor->damage.bTaken = true;
+    *pDamage = pAnchor->damage;
+    return true;
+}
+
+void log_damage(const trace_damage_t *pDamage) {
+    char loopText[TR_LOOP_TEXT_SIZE];
+    switch (pDamage->kind) {
+    case TR_DAMAGE_LOOP:
+        (void)snprintf(loopText, sizeof loopText, "zorv_trace: allocate_space allocation loop (%u)\n",
+                       pDamage->uReqLength);
+        log_trc_error(loopText, '0');
+        break;
+    case TR_DAMAGE_OVERWRAP:
+        log_trc_error("zorv_trace: allocate_space allocation loop overwrap\n", '0');
+        break;
+    case TR_DAMAGE_OVERRUN:
+        log_trc_error("zorv_trace: allocate_space overrun one\n", '0');
+        break;
+    case TR_DAMAGE_NONE:
+        break;
+    }
+}
+
+void reinit_in_place(trace_anchor_t *pAnchor) {
+    reset_ring(pAnchor->pMap, pAnchor->uActualFileSize);
+    pAnchor->pWrap = pAnchor->pNextFree = pAnchor->pMap + TR_DATA_OFFSET;
+    pAnchor->seqNumber = 0;
+    pAnchor->damage = {};
+    publish(&pAnchor->uMaxSize, max_record_size(pAnchor->uActualFileSize));
+}
+
+// Renames the file to its name with ".save" appended, in place of an older one. Returns false when that fails.
+static bool keep_damaged_file(const char *pName) {
+    char saved[TR_NAME_SIZE];
+    const size_t length = strlen(pName);
+    if (length + sizeof TR_SAVE_SUFFIX > sizeof saved)
+        return false;
+    memcpy(saved, pName, length);
+    memcpy(saved + length, TR_SAVE_SUFFIX, sizeof TR_SAVE_SUFFIX);
+    return rename(pName, saved) == 0;
+}
+
+// A file that can't be kept is made anew in place, or an unwritable directory would have it restarted for ever.
+static void trace_reinit(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
+    const bool bWanted = is_trace_on(pAnchor) != 0;
+    if (bWanted)
+        stop_trace_page(pAnchor, 0);
+    const bool bKept = keep_damaged_file(pAnchor->fileName);
+    if (bWanted)
+        (void)restart_trace(pAnchor, !bKept);
+    else
+        reinit_in_place(pAnchor); // goes on in the renamed file until it is stopped
+}
+
+void repair_damage(trace_anchor_t *pAnchor, const trace_damage_t *pDamage) {
+    const int savedErrno = errno;
+    const int cancelState = cancel_disable();
+    log_damage(pDamage);
+    if (lockGlobalMutex() == 0) {
+        lock_anchor_set_under_global(pAnchor);
+        if (pAnchor->damage.kind != TR_DAMAGE_NONE) // not stopped meanwhile
+            trace_reinit(pAnchor);
+        unlock_anchor_set_under_global(pAnchor);
+        (void)unlockGlobalMutex();
+    }
+    cancel_restore(cancelState);
+    errno = savedErrno;
+}

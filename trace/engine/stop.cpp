@@ -1,0 +1,163 @@
+// Flushing and stopping of trace files, and the end of the library in a process.
+#include <pthread.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "cu/kz_cu.h"
+#include "trace/control/control.h"
+#include "trace/engine/engine.h"
+#include "trace/engine/stopping.h"
+#include "trace/frame/frame.h"
+#include "trace/publish.h"
+
+constexpr time_t TR_STOP_LIMIT_S = 1; // for all anchor-set locks together, at termination
+
+int32_t this_is_child = 0;
+
+// The page that follows in the anchor's ring, or null when the round is made.
+static trace_anchor_t *next_page_of(const trace_anchor_t *pAnchor, const trace_anchor_t *pPage) TR_HOLDS(global_lock) {
+    return pPage->nextPage == pAnchor ? nullptr : pPage->nextPage;
+}
+
+// ---- Flush ----
+
+// Returns 0, or 32 with the error object set.
+static int32_t flush_page(const trace_anchor_t *pPage, int msyncFlags, bool bIgnoreError) TR_HOLDS(global_lock) {
+    if (pPage->pMap == nullptr || msync(pPage->pMap, pPage->uActualFileSize, msyncFlags) == 0 || bIgnoreError)
+        return 0;
+    return set_error_int(TR_RC_MSYNC, TR_RC_MSYNC, errno);
+}
+
+// Flushes every page of the anchor's ring, or its one file, or only the ring's active page.
+static int32_t flush_anchor(trace_anchor_t *pAnchor, bool bAllPages, int msyncFlags, bool bIgnoreError)
+    TR_HOLDS(global_lock) {
+    if (!bAllPages)
+        return pAnchor->ppActivePg == nullptr ? 0 : flush_page(observe(pAnchor->ppActivePg), msyncFlags, bIgnoreError);
+    int32_t rc = 0;
+    for (trace_anchor_t *pPage = pAnchor; rc == 0 && pPage != nullptr; pPage = next_page_of(pAnchor, pPage)) {
+        rc = flush_page(pPage, msyncFlags, bIgnoreError);
+        if (is_switched_off())
+            break;
+    }
+    return rc;
+}
+
+static int32_t flush_all(bool bAllPages, int msyncFlags, bool bIgnoreError) TR_HOLDS(global_lock) {
+    int32_t rc = init_if_needed();
+    for (trace_anchor_t *pAnchor = &anchors; rc == 0 && pAnchor != nullptr; pAnchor = observe(&pAnchor->next)) {
+        rc = flush_anchor(pAnchor, bAllPages, msyncFlags, bIgnoreError);
+        if (is_switched_off())
+            break;
+    }
+    return rc;
+}
+
+int32_t msync_trace_pages(int32_t incl_all_pages, int32_t msync_flags, int32_t ignore_error) {
+    debug_line("msync_trace_pages (incl_all_pages=%d flags=%d, ignore=%d) Entered\n", incl_all_pages, msync_flags,
+               ignore_error);
+    const int lockError = lockGlobalMutex();
+    if (lockError != 0)
+        return set_error_int(TR_RC_LOCK, TR_RC_LOCK, lockError);
+    int32_t rc = 0;
+    pthread_cleanup_push(mutex_cleanup, &anchors.anchorMutex);
+    rc = flush_all(incl_all_pages != 0, msync_flags, ignore_error != 0);
+    pthread_cleanup_pop(0);
+    (void)unlockGlobalMutex();
+    debug_line("msync_trace_pages() Leaving\n");
+    return rc != 0 ? rc : cu_set_no_error_1();
+}
+
+int32_t tr_flush_1(void) {
+    return msync_trace_pages(1, MS_SYNC, 0);
+}
+
+// ---- Stop ----
+
+void stop_trace_page(trace_anchor_t *pAnchor, int32_t child) {
+    debug_line("**@ stop_trace_page enter for %s", pAnchor->fileName);
+    if (pAnchor->pMap == nullptr)
+        return;
+    if (child == 0 && observe(&this_is_child) == 0) {
+        publish(&header_of(pAnchor->pMap)->uFlags, uint16_t{0});
+        (void)msync(pAnchor->pMap, pAnchor->uActualFileSize, MS_SYNC); // unmapped all the same
+    }
+    (void)munmap(pAnchor->pMap, pAnchor->uActualFileSize);
+    pAnchor->pMapEnd = nullptr;
+    pAnchor->pMap = nullptr;
+    pAnchor->pWrap = nullptr;
+    pAnchor->pNextFree = nullptr;
+    publish(&pAnchor->uMaxSize, uint32_t{0});
+    pAnchor->uActualFileSize = 0;
+    pAnchor->damage = {};
+    debug_line("stop_trace_page leaving for %s", pAnchor->fileName);
+}
+
+static void stop_all_pages(trace_anchor_t *pAnchor, int32_t child) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
+    debug_line("*** stop_trace for %s", pAnchor->fileName);
+    for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
+        stop_trace_page(pPage, child);
+}
+
+int32_t stop_trace(trace_anchor_t *pAnchor, int32_t child) {
+    const int cancelState = cancel_disable();
+    lock_anchor_set_under_global(pAnchor);
+    stop_all_pages(pAnchor, child);
+    unlock_anchor_set_under_global(pAnchor);
+    cancel_restore(cancelState);
+    return 0;
+}
+
+void stop_unwanted_traces() {
+    for (trace_anchor_t *pAnchor = &anchors; pAnchor != nullptr; pAnchor = observe(&pAnchor->next)) {
+        if (pAnchor->pMap != nullptr && is_trace_on(pAnchor) == 0)
+            (void)stop_trace(pAnchor, 0);
+    }
+}
+
+// ---- The end of the process ----
+
+// Stops the anchor's files and empties the anchor. What a recorder does not let go in time stays mapped and is flushed.
+static void tr_term_file_anchor(trace_anchor_t *pAnchor, const timespec *pDeadline) TR_HOLDS(global_lock) {
+    if (lock_anchor_set_until(pAnchor, pDeadline) == 0) {
+        stop_all_pages(pAnchor, 0);
+        pAnchor->fileName[0] = '\0';
+        unlock_anchor_set_under_global(pAnchor);
+    } else {
+        for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
+            (void)flush_page(pPage, MS_SYNC, true);
+    }
+    release_control_lists(pAnchor);
+    pAnchor->bInitialized = 0;
+}
+
+void tr_term(void) {
+    global_stop_trace();
+    const pid_t owner = observe(&init_pid);
+    if (observe(&this_is_child) != 0 || (owner != 0 && owner != getpid()))
+        return; // a child never touches what it inherited
+    const int cancelState = cancel_disable();
+    if (lock_global_mutex_at_exit() == 0) {
+        timespec deadline;
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += TR_STOP_LIMIT_S;
+        for (trace_anchor_t *pAnchor = &anchors; pAnchor != nullptr; pAnchor = observe(&pAnchor->next))
+            tr_term_file_anchor(pAnchor, &deadline);
+        (void)unlockGlobalMutex();
+    }
+    cancel_restore(cancelState);
+}
+
+extern "C" __attribute__((alias("tr_term"), visibility("default"))) void __tr_term(void);
+
+// Runs in the child of a fork before any other code of it.
+static void atfork_child() {
+    publish(&this_is_child, 1);
+    global_stop_trace();
+}
+
+void register_atfork() {
+    (void)pthread_atfork(nullptr, nullptr, atfork_child);
+}

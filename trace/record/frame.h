@@ -1,0 +1,84 @@
+// The frame of every recording call: one lock, one reservation, plain stores, one publishing store.
+//
+// Nothing here allocates, sets the error object or makes a system call while nobody else holds the file, and errno
+// stays as the caller has it.
+#ifndef KZ_TRACE_RECORD_FRAME_H
+#define KZ_TRACE_RECORD_FRAME_H
+
+#include <cerrno>
+#include <cstring>
+#include <type_traits>
+
+#include "trace/engine/allocate.h"
+#include "trace/engine/engine.h"
+#include "trace/engine/ring.h"
+#include "trace/engine/set_lock.h"
+#include "trace/frame/frame.h"
+
+// Stores up to four characters, the rest zero; the first one is there. Byte by byte: a word put together on the stack
+// would have to be read back before its bytes have left the store buffer.
+inline void store_comp_id(uint8_t *pRec, const char *pCompId) {
+    char *const pTo = reinterpret_cast<char *>(pRec + offsetof(trace_record_header_t, compId));
+    static_assert(TR_COMP_ID_SIZE == 4);
+    const char second = pCompId[1];
+    const char third = second != '\0' ? pCompId[2] : '\0';
+    const char fourth = third != '\0' ? pCompId[3] : '\0';
+    pTo[0] = pCompId[0];
+    pTo[1] = second;
+    pTo[2] = third;
+    pTo[3] = fourth;
+}
+
+// Copies the caller's bytes into a record. In line: most texts and blocks are short, and a call costs more than the copy.
+inline void store_bytes(uint8_t *pTo, const void *pFrom, size_t length) {
+    constexpr size_t SHORT = 128;
+    if (length > SHORT) {
+        memcpy(pTo, pFrom, length);
+        return;
+    }
+    auto *pByte = static_cast<const uint8_t *>(pFrom);
+    const auto copy = [&](auto size) {
+        memcpy(pTo, pByte, size);
+        pTo += size;
+        pByte += size;
+    };
+    for (; length >= 16; length -= 16)
+        copy(std::integral_constant<size_t, 16>{});
+    if ((length & 8) != 0)
+        copy(std::integral_constant<size_t, 8>{});
+    if ((length & 4) != 0)
+        copy(std::integral_constant<size_t, 4>{});
+    if ((length & 2) != 0)
+        copy(std::integral_constant<size_t, 2>{});
+    if ((length & 1) != 0)
+        *pTo = *pByte;
+}
+
+constexpr int32_t TR_RECORDED = 0;
+constexpr int32_t TR_NOT_RESERVED = -1;
+
+// Runs `write` under the anchor-set lock when the file is started: write(pAnchor, uMaxSize) reserves, fills and publishes
+// a record, and returns TR_RECORDED, TR_NOT_RESERVED when there was no room, or a result code. Damage that the
+// reservation met is repaired after the lock is released.
+//
+// A recorder can be cancelled only while the reservation waits for a tail reader; the waits have cleanup_anchor_set
+// registered, so that the frame need not.
+template <typename Write> inline int32_t record_in_frame(trace_anchor_t *pAnchor, Write write) {
+    const int lockError = lock_anchor_set(pAnchor);
+    if (lockError != 0) [[unlikely]]
+        return lockError == EAGAIN ? TR_RECORDED : TR_RC_LOCK; // not initialised: the record is dropped
+    bool bRepair = false;
+    trace_damage_t damage;
+    const uint32_t uMaxSize = pAnchor->uMaxSize; // 0: stopped meanwhile, the record is dropped
+    int32_t rc = uMaxSize != 0 ? write(pAnchor, uMaxSize) : TR_RECORDED;
+    if (rc == TR_NOT_RESERVED) [[unlikely]] {
+        rc = TR_RECORDED;
+        bRepair = take_damage(pAnchor, &damage);
+    }
+    (void)unlock_anchor_set(pAnchor);
+    if (bRepair) [[unlikely]]
+        repair_damage(pAnchor, &damage);
+    return rc;
+}
+
+#endif

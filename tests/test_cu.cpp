@@ -1,0 +1,308 @@
+// The common utilities: what a thread's error object keeps, what the stamps promise, where the identity comes from.
+#include "cu/kz_cu.h"
+
+#include <pthread.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/child.h"
+#include "tests/support/sandbox.h"
+
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define SANITIZED 1
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define SANITIZED 1
+#endif
+
+#ifndef SANITIZED
+// The sanitizers need malloc for themselves; elsewhere each thread can be made short of memory.
+static thread_local bool bMemoryShort = false;
+extern "C" void *__libc_malloc(size_t size);
+extern "C" void *malloc(size_t size) {
+    return bMemoryShort ? nullptr : __libc_malloc(size);
+}
+#endif
+
+using error_ptr_t = std::unique_ptr<cu_error_t, decltype(&cu_rel_error_1)>;
+
+static error_ptr_t current_error() {
+    cu_error_t *pError = nullptr;
+    EXPECT_EQ(cu_get_error_1(&pError), 0);
+    return {pError, cu_rel_error_1};
+}
+
+static std::string text_of(const char *pText) {
+    return pText == nullptr ? "null" : pText;
+}
+
+static std::string describe_insert(const cu_error_arg_t &arg) {
+    const auto &value = arg.cu_arg_value;
+    const bool isText = arg.cu_arg_type == CU_ERROR_ARG_CHAR_STR;
+    const std::string byKind[] = {"i" + std::to_string(value.cu_arg_int),
+                                  "l" + std::to_string(value.cu_arg_long),
+                                  "q" + std::to_string(value.cu_arg_long_long),
+                                  "d" + std::to_string(value.cu_arg_double),
+                                  "?",
+                                  isText ? "s" + text_of(value.cu_arg_char_str) : "",
+                                  "p" + std::to_string(reinterpret_cast<uintptr_t>(value.cu_arg_void_ptr))};
+    return " " + byKind[arg.cu_arg_type];
+}
+
+// Everything in the calling thread's error.
+static std::string describe(const error_ptr_t &error = current_error()) {
+    std::string text = std::to_string(error->cu_error_id) + " " + text_of(error->cu_ffdc_id) + " " +
+                       text_of(error->cu_msg_cat) + " " + std::to_string(error->cu_msg_set) + " " +
+                       std::to_string(error->cu_msg_num) + " " + text_of(error->cu_msg_default) + ":";
+    for (uint32_t i = 0; i < error->cu_arg_cnt; i++)
+        text += describe_insert(error->cu_args[i]);
+    return text;
+}
+
+template <typename... T> static std::string inserts_of(const char *pFormat, T... values) {
+    cu_set_error_1(1, nullptr, nullptr, 1, 1, pFormat, values...);
+    return describe().substr(strlen("1 null null 1 1 :") + strlen(pFormat));
+}
+
+// The kinds, and that each conversion takes its own values and no others: those behind it would come out wrong.
+TEST(ErrorObject, KeepsTheInsertsThatTheDefaultTextAsksFor) {
+    static constexpr char unended[3] = {'a', 'b', 'c'};
+    static constexpr char *pNone = nullptr;
+    EXPECT_EQ(inserts_of("no conversion\n", 7, "x"), "");
+    EXPECT_EQ(inserts_of("%d %s", -7, "x", 8, 9), " i-7 sx");
+    EXPECT_EQ(inserts_of("100%% %i%c%hd%-+ #05.3hhx%o", 1, 'A', 3, 4, 5), " i1 i65 i3 i4 i5");
+    EXPECT_EQ(inserts_of("%ld%llX%ju%d", -1L << 40, 1LL << 50, intmax_t{3}, 4),
+              " l-1099511627776 q1125899906842624 q3 i4");
+    EXPECT_EQ(inserts_of("%zu%td%Li%d", size_t{4}, ptrdiff_t{5}, 6LL, 7), " l4 l5 q6 i7");
+    EXPECT_EQ(inserts_of("%f%.2e%-9G%La%d", 0.25, .5, 1., 2.L, 3), " d0.250000 d0.500000 d1.000000 d2.000000 i3");
+    EXPECT_EQ(inserts_of("%s|%s|%.3s|%.*s|%.*s", "", pNone, unended, 2, unended, -1, "xyz"), " s snull sabc sab sxyz");
+    EXPECT_EQ(inserts_of("%*d%-*.*f%d", 90, 1, 91, 92, 0.5, 3), " i1 d0.500000 i3");
+    EXPECT_EQ(inserts_of("%p%ls%d", reinterpret_cast<void *>(16), pNone, 3), " p16 p0 i3");
+    EXPECT_EQ(inserts_of("%d %y %d", 1, 2, 3), " i1");
+    EXPECT_EQ(inserts_of("%d %", 1, 2), " i1");
+}
+
+static constexpr char NONE[] = "0 null null 0 0 null:";
+
+TEST(ErrorObject, BelongsToItsThreadAndIsCopiedWhole) {
+    char text[] = "text";
+    EXPECT_EQ(cu_set_error_1(-5, "ffdc", "cat", 2, 3, "%s %d", text, 4), -5);
+    text[0] = 'n';
+    const std::string wanted = "-5 ffdc cat 2 3 %s %d: stext i4";
+    const error_ptr_t first = current_error();
+    std::thread([] {
+        EXPECT_EQ(describe(), NONE);
+        EXPECT_EQ(cu_set_error_1(6, nullptr, nullptr, 0, 0, nullptr), 6);
+        EXPECT_EQ(describe(), "6 null null 0 0 null:");
+    }).join();
+    EXPECT_EQ(describe(), wanted);
+    EXPECT_EQ(cu_set_error_1(7, nullptr, "other", 1, 1, "%s", "other"), 7);
+    EXPECT_EQ(describe(), "7 null other 1 1 %s: sother");
+    EXPECT_EQ(cu_set_no_error_1(), 0);
+    EXPECT_EQ(describe(), NONE);
+    EXPECT_EQ(describe(first), wanted);
+}
+
+static pthread_key_t lateKey;
+
+// The library's key is the older one, so its destructor has run before this one in the first round, and runs again.
+static void fail_late(void *pSeen) {
+    cu_set_error_1(9, nullptr, "cat", 1, 2, "%s", "late");
+    *static_cast<std::string *>(pSeen) = describe();
+}
+
+TEST(ErrorObject, ServesTheDestructorsOfOtherKeys) {
+    std::string seen;
+    cu_set_error_1(8, nullptr, nullptr, 1, 1, nullptr);
+    ASSERT_EQ(pthread_key_create(&lateKey, fail_late), 0);
+    std::thread([&seen] {
+        cu_set_error_1(8, nullptr, nullptr, 1, 1, "%s", "early");
+        EXPECT_EQ(pthread_setspecific(lateKey, &seen), 0);
+    }).join();
+    EXPECT_EQ(seen, "9 null cat 1 2 %s: slate"); // that nothing is leaked, the address sanitizer tells
+}
+
+#ifndef SANITIZED
+TEST(ErrorObject, KeepsTheCodeWithoutMemory) {
+    cu_error_t *pCopy = nullptr;
+    bMemoryShort = true;
+    const int32_t code = cu_set_error_1(14, "ffdc", "cat", 1, 15, "%s", "text");
+    const int32_t copyCode = cu_get_error_1(&pCopy);
+    bMemoryShort = false;
+    EXPECT_EQ(code, 14);
+    EXPECT_EQ(copyCode, ENOMEM);
+    EXPECT_EQ(pCopy, nullptr);
+    EXPECT_EQ(describe(), "14 null null 1 15 null:");
+}
+#endif
+
+static int64_t time_of_day() {
+    struct timespec now;
+    cu_get_current_time_1(&now);
+    return now.tv_sec * 1'000'000'000LL + now.tv_nsec;
+}
+
+// Reads the counter many times, now and then after a sleep; the time of day before and after bounds what it may say.
+static void check_counter(int numRounds) {
+    constexpr int64_t SLACK_NS = 20'000; // stamps keep within 1,000
+    cu_timeinfo_t base;
+    cu_get_procspeed_1(&base);
+    EXPECT_EQ(base.timeinfo1, 1'000'000'000U);
+    EXPECT_EQ(base.timeinfo2, 0U);
+    uint64_t last = 0;
+    errno = 77;
+    for (int round = 0; round < numRounds; round++) {
+        if (round % 10'000 == 9'999)
+            usleep(3'000);
+        cu_compute_base_timeinfo_1(&base);
+        const int64_t before = time_of_day();
+        uint64_t now = cu_get_ctr_1();
+        const int64_t after = time_of_day();
+        const int64_t stamp = static_cast<int64_t>(now + base.timeinfo2);
+        ASSERT_GE(stamp, before - SLACK_NS) << "round " << round;
+        ASSERT_LE(stamp, after + SLACK_NS) << "round " << round;
+        for (int i = 0; i < 100; i++, now = cu_get_ctr_1()) {
+            ASSERT_GE(now, last) << "round " << round;
+            last = now;
+        }
+    }
+    EXPECT_EQ(errno, 77);
+}
+
+TEST(Counter, FollowsTheClockAndNeverGoesBack) {
+    std::thread other(check_counter, 50'000);
+    check_counter(50'000);
+    other.join();
+}
+
+static constexpr char CONFIG_PATH[] = "/var/kz/cfg/node.conf";
+
+static void write_config(const std::string &text) {
+    std::filesystem::create_directories("/var/kz/cfg");
+    std::ofstream(CONFIG_PATH, std::ios::trunc) << text;
+}
+
+static void set_variable(const char *pName, const char *pValue) {
+    setenv(pName, pValue, 1); // NOLINT(concurrency-mt-unsafe): the child has no other thread
+}
+
+static void check_cluster_settings() {
+    struct row_t {
+        const char *pName, *pId, *pNumber; // environment
+        std::string file, wanted;
+    };
+    const std::string longText(600, 'x');
+    const std::string zeroByte("a\0b\n", 4);
+    const row_t rows[] = {
+        {"", "", "", "cluster_id = x\ncluster_name = \n", "none"},
+        {"north", "id", "-12", "cluster_name = south\ncluster_id = x\nnode_number = 5\n", "north id -12"},
+        {"", "", "", "# cluster_name = c\n\tcluster_name\t=  so uth \r\ncluster_name = 2\n", "so uth  0"},
+        {"north", "", "", "Cluster_id = x\nother\ncluster_id=a=b\nnode_number =0x10", "north a=b 16"},
+        {"", "", "7 ", "cluster_name = " + longText + "\ncluster_id = i", longText.substr(0, 63) + " i 0"},
+        {"n", "", "4294967296", longText + "cluster_id = no\n" + zeroByte + "cluster_id = yes", "n yes 0"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.file + " -> " + row.wanted);
+        set_variable("KZ_CU_CLUSTER_NAME", row.pName);
+        set_variable("KZ_CU_CLUSTER_ID", row.pId);
+        set_variable("KZ_CU_NODE_NUMBER", row.pNumber);
+        write_config(row.file);
+        cu_cluster_info_t info = {};
+        std::string found = "none";
+        if (cu_get_cluster_info_1(&info) != ENOENT)
+            found = info.cu_cluster_name + (" " + std::string(info.cu_cluster_ID)) + " " +
+                    std::to_string(info.cu_node_number);
+        EXPECT_EQ(found, row.wanted);
+    }
+}
+
+// The first 16 digits of the machine's own identifier, as the fallback has to give them.
+static uint64_t machine_id() {
+    std::string digits;
+    std::ifstream("/etc/machine-id") >> digits;
+    return digits.size() < 16 ? 0 : std::stoull(digits.substr(0, 16), nullptr, 16);
+}
+
+static void check_node_and_group() {
+    const uint64_t fallback = machine_id();
+    const std::pair<const char *, uint64_t> rows[] = {
+        {"0x1F", 31}, {"", 99}, {"1x", fallback}, {"08", fallback}, {"18446744073709551616", fallback}};
+    write_config("node_id = 99\nadmin_group = no such group\n");
+    for (const auto &[pText, wanted] : rows) {
+        SCOPED_TRACE(pText);
+        set_variable("KZ_CU_NODE_ID", pText);
+        uint64_t nodeId = 0;
+        EXPECT_EQ(cu_get_node_id_1(&nodeId), wanted == 0 ? ENOENT : 0);
+        EXPECT_EQ(nodeId, wanted);
+    }
+    gid_t group = 12345;
+    EXPECT_EQ(cu_getadmin_group_id_1(&group), ENOENT);
+    set_variable("KZ_CU_ADMIN_GROUP", "root");
+    EXPECT_EQ(cu_getadmin_group_id_1(&group), 0);
+    EXPECT_EQ(group, 0U);
+}
+
+static int64_t num_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+// No call acts upon a pending cancellation, or waits for somebody to write to the file.
+static void check_nothing_hangs_or_leaks() {
+    std::filesystem::remove(CONFIG_PATH);
+    ASSERT_EQ(mkfifo(CONFIG_PATH, 0600), 0);
+    set_variable("KZ_CU_CLUSTER_NAME", "");
+    const int64_t numBefore = num_descriptors();
+    bool bReached = false;
+    std::thread([&bReached] {
+        cu_cluster_info_t info;
+        uint64_t nodeId;
+        gid_t group;
+        char args[64];
+        pthread_cancel(pthread_self());
+        EXPECT_EQ(cu_set_error_1(1, nullptr, nullptr, 1, 1, "%s", "text"), 1);
+        EXPECT_EQ(cu_get_cluster_info_1(&info), ENOENT);
+        (void)cu_get_node_id_1(&nodeId);
+        EXPECT_EQ(cu_getadmin_group_id_1(&group), 0);
+        EXPECT_EQ(cu_get_proc_args_1(getpid(), args, sizeof args), 0);
+        pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+        bReached = true;
+    }).join();
+    EXPECT_TRUE(bReached);
+    EXPECT_EQ(num_descriptors(), numBefore);
+}
+
+TEST(Identity, ComesFromTheEnvironmentOrElseFromTheFile) {
+    const child_result_t result = run_in_child([] {
+        enter_private_machine();
+        check_cluster_settings();
+        check_node_and_group();
+        check_nothing_hangs_or_leaks();
+    });
+    EXPECT_EQ(result.exitCode, 0);
+}
+
+TEST(ProcessArguments, AreTheBlockAsTheKernelTellsIt) {
+    std::ifstream file("/proc/self/cmdline", std::ios::binary);
+    const std::string wanted((std::istreambuf_iterator<char>(file)), {});
+    std::string block(wanted.size() + 10, '#');
+    ASSERT_EQ(cu_get_proc_args_1(getpid(), block.data(), block.size()), 0);
+    EXPECT_EQ(block, wanted + '\0' + "#########");
+    ASSERT_EQ(cu_get_proc_args_1(getpid(), block.data(), 4), 0);
+    EXPECT_EQ(block.substr(0, 5), wanted.substr(0, 3) + '\0' + wanted[4]); // cut, and nothing written behind
+    for (const pid_t pid : {0, -1, 2'000'000'000})
+        EXPECT_EQ(cu_get_proc_args_1(pid, block.data(), block.size()), -1) << pid;
+    EXPECT_EQ(cu_get_proc_args_1(getpid(), block.data(), 1), -1);
+}

@@ -1,0 +1,664 @@
+// Trace files composed byte by byte, read back, and shown by kztrace; and a file that is read while it is written.
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <variant>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "reader/decode.h"
+#include "reader/message.h"
+#include "reader/reader.h"
+#include "reader/time.h"
+#include "tests/support/tempdir.h"
+#include "trace/publish.h"
+#include "trace/trace_format.h"
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Pair;
+using namespace std::string_view_literals;
+using kind_t = trread::fault_kind_t;
+
+static constexpr uint32_t FILE_SIZE = 4096;
+static constexpr uint32_t REST = 0; // length of a piece that takes the rest of the file
+static constexpr uint64_t SECOND = 1000000000;
+static constexpr uint64_t NOON = 1709294400 * SECOND; // 2024-03-01 12:00:00 UTC
+
+using image_bytes_t = std::vector<std::byte>;
+
+struct piece_t {
+    uint16_t kind;
+    uint32_t seqNumber;
+    uint32_t length = REST;
+    std::vector<uint32_t> body = {}; // words from offset 28 on
+    std::string_view text = {};      // behind the words
+};
+
+template <typename T> static void put(image_bytes_t *pImage, size_t offset, const T &value) {
+    memcpy(pImage->data() + offset, &value, sizeof(T));
+}
+
+// A file of the pieces, one after the other from the front; reading begins with the piece `oldest`.
+static image_bytes_t compose(const std::vector<piece_t> &pieces, size_t oldest, uint32_t size = FILE_SIZE) {
+    image_bytes_t image(size);
+    trace_file_header_t header = {};
+    header.uProperties = std::endian::native == std::endian::little ? TR_PROPERTY_LITTLE_ENDIAN : 0;
+    header.uVersion = TR_VERSION;
+    header.uOffset = TR_DATA_OFFSET;
+    header.uActualFileSize = size;
+    header.timeInfo = {SECOND, NOON};
+    header.uPid = 77;
+    strcpy(header.program, "/opt/bin/tool\x1b[1m");
+    header.tz_offset = -60;
+    uint32_t offset = TR_DATA_OFFSET;
+    for (size_t i = 0; i < pieces.size(); i++) {
+        const piece_t &piece = pieces[i];
+        if (i == oldest)
+            header.uOldestRecordOffset = offset;
+        const uint32_t length = piece.length == REST ? size - offset : piece.length;
+        const uint64_t timeStamp = piece.seqNumber * uint64_t{1000};
+        put(&image, offset,
+            trace_record_header_t{
+                length, piece.kind, 0xeeee, piece.seqNumber, {'A', 'B', '\x01', 'D'}, 0x1234, timeStamp});
+        std::byte *pBody = image.data() + offset + TR_HEADER_LENGTH;
+        for (const uint32_t word : piece.body)
+            pBody = static_cast<std::byte *>(mempcpy(pBody, &word, sizeof(word)));
+        std::copy_n(reinterpret_cast<const std::byte *>(piece.text.data()), piece.text.size(), pBody);
+        offset += length;
+    }
+    put(&image, 0, header);
+    return image;
+}
+
+static std::vector<uint32_t> seqs_of(const trread::batch_t &batch) {
+    std::vector<uint32_t> seqs;
+    for (const auto &record : batch.records)
+        seqs.push_back(record.seqNumber);
+    return seqs;
+}
+
+static void write_file(const std::string &path, const image_bytes_t &image) {
+    std::ofstream out(path, std::ios::binary); // the same file when it is there already
+    out.write(reinterpret_cast<const char *>(image.data()), static_cast<std::streamsize>(image.size()));
+}
+
+static trread::trace_file_t open_file(const std::string &path) {
+    std::string reason;
+    auto file = trread::trace_file_t::open(path, &reason);
+    EXPECT_TRUE(file) << reason;
+    return std::move(*file);
+}
+
+// Two laps' worth of states in which a writer leaves a ring, or is caught in: all are whole.
+TEST(Reader, YieldsRecordsInTheOrderOfWriting) {
+    struct row_t {
+        const char *pName;
+        std::vector<piece_t> pieces;
+        size_t oldest;
+        std::vector<uint32_t> seqs;
+        uint32_t size = FILE_SIZE;
+    };
+    static const row_t rows[] = {
+        {"fresh", {{0, 0}}, 0, {}},
+        {"one record, free record", {{16, 2, 52}, {0, 4095}}, 1, {2}},
+        {"filler", {{1, 10, 32}, {1, 12, 32}, {0, 4095, 60}, {1, 4, 32}, {1, 6, 32}, {0, 8}}, 2, {4, 6, 10, 12}},
+        {"newest fills its gap", {{1, 10, 60}, {1, 4, 32}, {1, 6, 32}, {1, 8}}, 1, {4, 6, 8, 10}},
+        {"newest fills the file", {{1, 2, 32}, {1, 4, 32}, {1, 6}}, 0, {2, 4, 6}},
+        {"odd file size", {{1, 4, 32}, {0, 4095, 60}, {1, 2}}, 1, {2, 4}, 4099},
+        {"unknown kind", {{1, 2, 32}, {77, 4, 32}, {1, 6, 32}, {0, 4095}}, 3, {2, 6}},
+        {"unfinished between others", {{1, 2, 32}, {65535, 4, 32}, {1, 6, 32}, {0, 4095}}, 3, {2, 4, 6}},
+        {"numbers wrap",
+         {{1, 0xfffffffc, 32}, {1, 0xfffffffe, 32}, {1, 0, 32}, {0, 4095}},
+         3,
+         {0xfffffffc, 0xfffffffe, 0}},
+        {"filler numbered 0", {{1, 2, 32}, {0, 4095, 60}, {1, 0xfffffffe, 32}, {0, 0}}, 1, {0xfffffffe, 2}},
+        {"taken over", {{1, 8, 32}, {65535, 10, 92}, {1, 4, 32}, {1, 6}}, 1, {4, 6, 8, 10}},
+        {"free behind", {{1, 8, 32}, {65535, 10, 32}, {0, 4095, 60}, {1, 4, 32}, {1, 6}}, 1, {4, 6, 8, 10}},
+        {"taken over, not yet numbered", {{1, 8, 32}, {65535, 4095, 92}, {1, 4, 32}, {1, 6}}, 1, {4, 6, 8}},
+        {"page with a note", {{2, 0, 60}, {1, 2, 32}, {0, 4095}}, 2, {0, 2}},
+        {"page with a note, nothing else", {{2, 0, 60}, {0, 0}}, 0, {0}},
+        {"full page with a note", {{2, 0, 60}, {1, 2, 32}, {1, 4}}, 1, {0, 2, 4}},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pName);
+        const auto image = compose(row.pieces, row.oldest, row.size);
+        const auto batch = trread::read_image(image);
+        EXPECT_EQ(seqs_of(batch), row.seqs);
+        EXPECT_EQ(batch.numUnknown, strcmp(row.pName, "unknown kind") == 0 ? 1U : 0U);
+        for (const auto &fault : batch.faults)
+            ADD_FAILURE() << fault.text;
+    }
+}
+
+// Each kind of damage is named, and the records before it and those from the front of the ring on are read.
+TEST(Reader, YieldsWhatDamageLeaves) {
+    // offsets: 200: 10, 232: 12, 264: free, 324: 4, 356: 6, 388: filler 8
+    const auto whole = compose({{1, 10, 32}, {1, 12, 32}, {0, 4095, 60}, {1, 4, 32}, {1, 6, 32}, {0, 8}}, 2);
+    const auto patch = [](size_t offset, uint32_t value) {
+        return [offset, value](image_bytes_t *pImage) { put(pImage, offset, value); };
+    };
+    const auto turn = [](image_bytes_t *p) {
+        (*p)[0] ^= std::byte{TR_PROPERTY_LITTLE_ENDIAN};
+        put(p, 8, __builtin_bswap32(TR_DATA_OFFSET));
+    };
+    const size_t oldest = offsetof(trace_file_header_t, uOldestRecordOffset);
+    struct row_t {
+        const char *pName;
+        std::function<void(image_bytes_t *)> damage;
+        kind_t kind;
+        uint64_t offset;
+        std::vector<uint32_t> seqs;
+    };
+    const row_t rows[] = {
+        {"length 0", patch(356, 0), kind_t::length, 356, {4, 10, 12}},
+        {"length 4", patch(356, 4), kind_t::length, 356, {4, 10, 12}},
+        {"length wraps", patch(356, 0xffffff38), kind_t::past_end, 356, {4, 10, 12}},
+        {"length past the end", patch(388, 3712), kind_t::past_end, 388, {4, 6, 10, 12}},
+        {"no room for a record behind", patch(388, 3684), kind_t::past_end, 388, {4, 6, 10, 12}},
+        {"odd length leads astray", patch(324, 33), kind_t::past_end, 357, {4, 10, 12}},
+        {"odd sequence number", patch(364, 7), kind_t::sequence, 356, {4, 10, 12}},
+        {"sequence numbers jump", patch(364, 60), kind_t::sequence_gap, 356, {4, 60, 10, 12}},
+        {"runs across the oldest", patch(232, 60), kind_t::straddle, 232, {4, 6, 10}},
+        {"oldest in the header", patch(oldest, 199), kind_t::oldest_offset, oldest, {4, 6, 10, 12}},
+        {"oldest leaves no room", patch(oldest, FILE_SIZE - 27), kind_t::oldest_offset, oldest, {4, 6, 10, 12}},
+        {"oldest within a record", patch(oldest, FILE_SIZE - 28), kind_t::length, FILE_SIZE - 28, {10, 12, 4, 6}},
+        {"header size too large", patch(20, 8192), kind_t::file_size, 20, {4, 6, 10, 12}},
+        {"header size too small", patch(20, 227), kind_t::too_short, 20, {}},
+        {"newer version", [](image_bytes_t *p) { put(p, 2, uint16_t{6}); }, kind_t::version, 2, {}},
+        {"cut in the data area", [](image_bytes_t *p) { p->resize(370); }, kind_t::file_size, 20, {4, 10, 12}},
+        {"cut in the header", [](image_bytes_t *p) { p->resize(199); }, kind_t::too_short, 0, {}},
+        {"zeroes", [](image_bytes_t *p) { p->assign(FILE_SIZE, std::byte{0}); }, kind_t::data_offset, 8, {}},
+        {"longer", [](image_bytes_t *p) { p->resize(5000); }, kind_t::file_size, 20, {4, 6, 10, 12}},
+        {"other byte order", turn, kind_t::byte_order, 0, {}},
+    };
+    const tempdir_t dir;
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pName);
+        image_bytes_t image = whole;
+        row.damage(&image);
+        write_file(dir.file("trace"), image);
+        const auto inMemory = trread::read_image(image);
+        const auto inFile = open_file(dir.file("trace")).read_all();
+        for (const auto *pBatch : {&inMemory, &inFile}) {
+            ASSERT_FALSE(pBatch->faults.empty());
+            EXPECT_EQ(static_cast<int>(pBatch->faults[0].kind), static_cast<int>(row.kind)) << pBatch->faults[0].text;
+            EXPECT_EQ(pBatch->faults[0].offset, row.offset);
+            EXPECT_EQ(seqs_of(*pBatch), row.seqs);
+        }
+    }
+}
+
+TEST(Reader, ComputesTimesThatFitAndCutsOthers) {
+    struct row_t {
+        uint64_t timeStamp, timeinfo1, timeinfo2;
+        int64_t time_ns;
+    };
+    static constexpr uint64_t MAX = UINT64_MAX, LOWEST = 1ULL << 63;
+    static constexpr row_t rows[] = {
+        {NOON, SECOND, 0, NOON},     {NOON, SECOND, MAX - 4, NOON - 5}, {3, 2, 7, 1500000007},
+        {NOON, 0, 0, NOON},          {MAX, MAX, 1, 1000000001},         {MAX, 4 * SECOND, 0, 4611686018427387903},
+        {MAX, SECOND, 0, INT64_MAX}, {MAX, 1, LOWEST, INT64_MAX},       {0, SECOND, LOWEST, INT64_MIN}};
+    for (const auto &row : rows)
+        EXPECT_EQ(trread::time_of_stamp(row.timeStamp, {row.timeinfo1, row.timeinfo2}), row.time_ns) << row.timeStamp;
+}
+
+// Records before the first start record take base and process from the header, later ones from the start record.
+TEST(Reader, AppliesTheTimeBaseInForce) {
+    const std::vector<piece_t> pieces = {
+        {16, 4, 52, {0, 500, 2000, 0, 1, 0}}, {1, 6, 32}, {19, 8, 56, {0, 600, 500, 0, 2, 0}}, {0, 4095, 60}, {1, 2}};
+    std::vector<std::pair<uint32_t, int64_t>> seen;
+    const auto image = compose(pieces, 3);
+    for (const auto &record : trread::read_image(image).records)
+        seen.emplace_back(record.pid, record.time_ns);
+    EXPECT_THAT(seen, ElementsAre(std::pair(77, NOON + 2000), std::pair(500, 2 * SECOND + 1),
+                                  std::pair(500, 3 * SECOND + 1), std::pair(600, 16 * SECOND + 2)));
+}
+
+TEST(Reader, FollowsAndTellsWhatWasLost) {
+    struct step_t {
+        const char *pName;
+        std::vector<piece_t> pieces;
+        size_t oldest;
+        std::vector<uint32_t> seqs;
+        uint32_t numLost = 0;
+        bool bRestarted = false;
+    };
+    static const step_t steps[] = {
+        {"first", {{1, 2, 32}, {1, 4, 32}, {0, 4095}}, 2, {2, 4}},
+        {"nothing new", {{1, 2, 32}, {1, 4, 32}, {0, 4095}}, 2, {}},
+        {"in work", {{1, 2, 32}, {1, 4, 32}, {65535, 6, 32}, {0, 4095}}, 3, {}},
+        {"finished", {{1, 2, 32}, {1, 4, 32}, {1, 6, 32}, {0, 4095}}, 3, {6}},
+        {"given up", {{1, 2, 32}, {1, 4, 32}, {1, 6, 32}, {65535, 8, 32}, {1, 10, 32}, {0, 4095}}, 5, {8, 10}},
+        {"lapped", {{1, 20, 64}, {1, 22, 32}, {0, 4095, 60}, {1, 16, 64}, {0, 18}}, 2, {16, 20, 22}, 2},
+        {"lapped, nothing lost", {{1, 26, 48}, {0, 4095, 60}, {1, 24}}, 1, {24, 26}},
+        {"new life", {{16, 2, 52}, {1, 4, 32}, {0, 4095}}, 2, {2, 4}, 0, true},
+        {"new life with the same numbers", {{1, 2, 48}, {1, 4, 32}, {0, 4095}}, 2, {2, 4}, 0, true},
+    };
+    const tempdir_t dir;
+    write_file(dir.file("trace"), compose(steps[0].pieces, steps[0].oldest));
+    auto file = open_file(dir.file("trace"));
+    for (const auto &step : steps) {
+        SCOPED_TRACE(step.pName);
+        write_file(dir.file("trace"), compose(step.pieces, step.oldest));
+        const auto batch = file.poll();
+        EXPECT_EQ(seqs_of(batch), step.seqs);
+        EXPECT_EQ(batch.numLost, step.numLost);
+        EXPECT_EQ(batch.bRestarted, step.bRestarted);
+    }
+}
+
+// A writer in its order of stores, as fast as it can; the values of a record tell its sequence number.
+class model_writer_t {
+  public:
+    explicit model_writer_t(std::byte *pMap_) : pMap(pMap_), size(at<trace_file_header_t>(0)->uActualFileSize) {
+    }
+    void record(uint32_t numValues) {
+        const uint32_t length = static_cast<uint32_t>(sizeof(trace_record_values_t)) + 4 * numValues;
+        const uint32_t offset = reserve(length);
+        auto *pRecord = at<trace_record_values_t>(offset);
+        pRecord->number = numValues;
+        for (uint32_t i = 0; i < numValues; i++)
+            *at<uint32_t>(offset + sizeof(trace_record_values_t) + size_t{4} * i) = value_of(seqNumber, i);
+        publish<uint16_t>(&pRecord->header.function, TR_KIND_VALUES_32);
+    }
+    static uint32_t value_of(uint32_t seqNumber, uint32_t i) {
+        return (seqNumber + i) * 2654435761U;
+    }
+
+  private:
+    template <typename T> volatile T *at(size_t offset) {
+        return reinterpret_cast<volatile T *>(pMap + offset);
+    }
+    uint32_t take_over(uint32_t length) {
+        auto *pHead = at<trace_record_header_t>(next);
+        publish<uint16_t>(&pHead->function, TR_KIND_RESERVED);
+        publish(&pHead->length, length);
+        seqNumber += TR_SEQ_STEP;
+        publish(&pHead->seqNumber, seqNumber);
+        return next;
+    }
+    void set_oldest(uint32_t offset) {
+        next = offset;
+        publish(&at<trace_file_header_t>(0)->uOldestRecordOffset, offset);
+    }
+    uint32_t reserve(uint32_t length) {
+        uint32_t covered = 0;
+        for (uint32_t offset = next; covered < length + TR_HEADER_LENGTH;) {
+            const uint32_t step = at<trace_record_header_t>(offset)->length;
+            covered += step;
+            offset += step;
+            if (offset == size && covered < length + TR_HEADER_LENGTH) {
+                const uint32_t filler = take_over(covered);
+                set_oldest(TR_DATA_OFFSET);
+                publish<uint16_t>(&at<trace_record_header_t>(filler)->function, TR_KIND_FREE);
+                offset = TR_DATA_OFFSET;
+                covered = 0;
+            }
+        }
+        const uint32_t offset = take_over(covered);
+        if (covered == length + TR_HEADER_LENGTH) {
+            set_oldest(offset + covered == size ? TR_DATA_OFFSET : offset + covered);
+            return offset;
+        }
+        auto *pFree = at<trace_record_header_t>(offset + length);
+        publish(&pFree->length, covered - length);
+        publish<uint16_t>(&pFree->function, TR_KIND_FREE);
+        publish(&pFree->seqNumber, TR_SEQ_FREE);
+        publish(&at<trace_record_header_t>(offset)->length, length);
+        set_oldest(offset + length);
+        return offset;
+    }
+
+    std::byte *pMap;
+    uint32_t size, next = TR_DATA_OFFSET, seqNumber = 0;
+};
+
+static bool is_untorn(const trread::record_t &record) {
+    if (record.kind == TR_KIND_RESERVED)
+        return true;
+    const auto body = trread::decode_body(record);
+    const auto *pValues = std::get_if<trread::values_32_body_t>(&body.content);
+    uint32_t i = 0;
+    return pValues != nullptr && !body.bCut && !pValues->values.empty() &&
+           std::all_of(pValues->values.begin(), pValues->values.end(),
+                       [&](uint32_t value) { return value == model_writer_t::value_of(record.seqNumber, i++); });
+}
+
+class ReaderBesideWriter : public testing::TestWithParam<uint32_t> {};
+
+TEST_P(ReaderBesideWriter, NeverYieldsATornRecord) {
+    const tempdir_t dir;
+    const std::string path = dir.file("trace");
+    write_file(path, compose({{0, 0}}, 0, GetParam()));
+    const pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
+        void *pMap = mmap(nullptr, GetParam(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+        if (pMap == MAP_FAILED)
+            _exit(1);
+        model_writer_t writer(static_cast<std::byte *>(pMap));
+        for (uint32_t i = 1;; i++) {
+            writer.record(1 + i * 7919 % 61);
+            if (GetParam() > 65536 && i % 4096 == 0)
+                usleep(20000); // a slow reader of a large file would be lapped in every copy
+        }
+    }
+    auto file = open_file(path);
+    size_t numFollowed = 0, numRead = 0;
+    uint32_t last = 0;
+    const auto start = std::chrono::steady_clock::now();
+    const auto elapsed = [&start] { return std::chrono::steady_clock::now() - start; };
+    while (elapsed() < std::chrono::milliseconds(1500) ||
+           (std::min(numFollowed, numRead) <= 1000 && elapsed() < std::chrono::seconds(20))) {
+        const auto batch = file.poll();
+        EXPECT_FALSE(batch.bRestarted);
+        uint32_t numMissing = 0;
+        for (const auto &record : batch.records) {
+            ASSERT_TRUE(is_untorn(record)) << record.seqNumber;
+            ASSERT_GT(static_cast<int32_t>(record.seqNumber - last), 0);
+            numMissing += last != 0 ? (record.seqNumber - last) / TR_SEQ_STEP - 1 : 0;
+            last = record.seqNumber;
+        }
+        ASSERT_LE(numMissing, batch.numLost + 2) << "but for fillers";
+        numFollowed += batch.records.size();
+        const auto all = file.read_all();
+        for (const auto &record : all.records)
+            ASSERT_TRUE(is_untorn(record)) << record.seqNumber;
+        numRead += all.records.size();
+    }
+    kill(child, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_GT(numFollowed, 1000U);
+    EXPECT_GT(numRead, 1000U);
+    // Killed at any store, the writer leaves a whole file; and what it wrote last is there.
+    const auto end = file.poll();
+    EXPECT_TRUE(end.faults.empty()) << end.faults[0].text;
+    for (const auto &record : end.records)
+        EXPECT_TRUE(is_untorn(record));
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, ReaderBesideWriter, testing::Values(4096, 65536, 262144));
+
+// Formats that go with their inserts, and all the ways in which they may not.
+TEST(Message, TakesEachConversionWithItsInsert) {
+    const auto ofInt = [](int32_t value) {
+        return trread::error_insert_t{CU_ERROR_ARG_INT, 0xdeadbeef00000000 | static_cast<uint32_t>(value), {}};
+    };
+    const auto ofLong = [](int64_t value) {
+        return trread::error_insert_t{CU_ERROR_ARG_LONG_LONG, static_cast<uint64_t>(value), {}};
+    };
+    const auto ofDouble = [](double value) {
+        return trread::error_insert_t{CU_ERROR_ARG_DOUBLE, std::bit_cast<uint64_t>(value), {}};
+    };
+    const auto ofText = [](std::string_view text) { return trread::error_insert_t{CU_ERROR_ARG_CHAR_STR, 72, text}; };
+    const trread::error_insert_t noText{CU_ERROR_ARG_CHAR_STR, 0, {}}, pointer{CU_ERROR_ARG_VOID_PTR, 0xabc0, {}},
+        unknown{77, 0xabc0, {}};
+    struct row_t {
+        const char *pFormat;
+        std::vector<trread::error_insert_t> inserts;
+        std::string text;
+        bool bWhole = true;
+    };
+    const row_t rows[] = {
+        {"100%% of %d%%", {ofInt(-7)}, "100% of -7%"},
+        {"%i|%u|%x|%#X|%o", {ofInt(-7), ofInt(-7), ofInt(-1), ofInt(255), ofInt(8)}, "-7|4294967289|ffffffff|0XFF|10"},
+        {"%lld|%ld|%zu|%d",
+         {ofLong(INT64_MIN), ofLong(-1), ofLong(-1), ofLong(1LL << 40)},
+         "-9223372036854775808|-1|18446744073709551615|1099511627776"},
+        {"%hd|%hhu|%hx|%c|%3c", {ofInt(65537), ofInt(-1), ofLong(-1), ofInt('c'), ofInt('d')}, "1|255|ffff|c|  d"},
+        {"%5d|%-5d|%05d|%+.3d|%'d",
+         {ofInt(42), ofInt(42), ofInt(-42), ofInt(42), ofInt(1234)},
+         "   42|42   |-0042|+042|1234"},
+        {"%5.2f|%g|%.0e|%LA|%F",
+         {ofDouble(1.005e1), ofDouble(1e300), ofDouble(5), ofDouble(1), ofDouble(-HUGE_VAL)},
+         "10.05|1e+300|5e+00|0X1P+0|-INF"},
+        {"%s|%5s|%-5s|%.1s|%.s|%s",
+         {ofText("ab"), ofText("ab"), ofText("ab"), ofText("ab"), ofText("ab"), noText},
+         "ab|   ab|ab   |a||(null)"},
+        {"%p|%10p", {pointer, pointer, pointer}, "0xabc0|    0xabc0", false},
+        {"%*d|%.*s|%-*.*f", {ofInt(1), ofText("ab"), ofDouble(1)}, "1|ab|1.000000"},
+        {"%99999999999999999999s%.99999999999999999999s", {ofText("a"), ofText("b")}, std::string(254, ' ') + "ab"},
+        {"%255.255f", {ofDouble(-1e308)}, ""}, // the longest: told by its length below
+        {"%d and %s", {ofInt(1)}, "1 and %s", false},
+        {"%s|%d|%f|%p|%d|%d|%c",
+         {ofInt(-1), ofText("x\n"), ofInt(2), ofDouble(.5), pointer, unknown, ofInt(300)},
+         "<-1>|<x\n>|<2>|<0.5>|<0xabc0>|<0xabc0>|<300>",
+         false},
+        {"%d %n %d", {ofInt(1), ofInt(2)}, "1 %n %d", false},
+        {"%1$s", {ofText("x")}, "%1$s", false},
+        {"50%", {ofInt(1)}, "50%", false},
+        {"%-08.3l", {ofInt(1)}, "%-08.3l", false},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pFormat);
+        const auto message = trread::format_message(row.pFormat, row.inserts);
+        if (row.text.empty() && !row.inserts.empty())
+            EXPECT_EQ(message.text.size(), 1 + 309 + 1 + 255);
+        else
+            EXPECT_EQ(message.text, row.text);
+        EXPECT_EQ(message.bWhole, row.bWhole);
+    }
+}
+
+// What kztrace writes to both streams, and its exit code.
+static std::pair<std::string, int> run(const std::string &arguments) {
+    // NOLINTNEXTLINE(cert-env33-c): the shell does the redirection
+    FILE *pPipe = popen(("TZ=UTC-2 " KZTRACE " 2>&1 " + arguments).c_str(), "r");
+    std::string text;
+    for (int c = fgetc(pPipe); c != EOF; c = fgetc(pPipe))
+        text += static_cast<char>(c);
+    return {text, WEXITSTATUS(pclose(pPipe))};
+}
+
+// One record of each kind, and of each kind one whose counts, lengths and offsets leave the record.
+TEST(Kztrace, DumpsEveryKindOfRecord) {
+    constexpr uint32_t noonLow = NOON & 0xffffffff, noonHigh = NOON >> 32;
+    const std::vector<uint32_t> errorWords = {5,   18, 123, 136, 141,        148,        1, 17,     151,
+                                              161, 4,  0,   0,   33,         0xdeadbeef, 5, 0,      183,
+                                              0,   3,  0,   0,   0x3ff80000, 6,          0, 0xabc0, 0};
+    const std::vector<piece_t> pieces = {
+        {16, 2, 52, {0, 500, 1000000000, 0, noonLow, noonHigh}},
+        {1, 4, 32, {42}},
+        {2, 6, 40, {}, "two\nlines"},
+        {2, 8, 32, {0x41414141}},
+        {3, 10, 56, {7, 2, 1, 0xff, 5, 0x04030201, 0x05}},
+        {3, 12, 52, {7, 2, 1, 0xff, 5, 0x04030201}},
+        {3, 14, 44, {7, 1, 0xffffffff}},
+        {12, 16, 48, {8, 3, 9, 255, 0xffffffff}},
+        {12, 18, 40, {8, 0x40000001, 9}},
+        {13, 20, 44, {9, 1, 0, 0x80000000}},
+        {13, 22, 44, {9, 2, 16, 0}},
+        {14, 24, 192, errorWords, "func\0file.c\0F1\0kz_tr.cat\0%d of %s: %.1f at %p\n\0a\t\"b\""sv},
+        {14, 26, 76, {5, 18, 123, 76, 60, 72, 1, 17, 0, 0, 0x10000001}, "abc"},
+        {15, 28, 48, {3, 2, 8}, "a\tb"},
+        {15, 30, 44, {3, 9, 0xfffffff0}, "abcd"},
+        {17, 32, 44, {1000000000, 0, 0xffffffff, 0xffffffff}},
+        {19, 34, 60, {0, 501, 1000000000, 0, noonLow, noonHigh}, "core"},
+        {16, 36, 48, {0, 502}},
+        {14, 38, 92, {5, 18, 1, 0, 0, 0, 1, 2, 0, 88, 1, 0, 0, 7, 0}, "%s"},
+        {65535, 40, 32},
+        {0, 4095}};
+    const tempdir_t dir;
+    const std::string path = dir.file("trace");
+    write_file(path, compose(pieces, pieces.size() - 1));
+    const auto [text, exitCode] = run("dump " + path);
+    EXPECT_EQ(exitCode, 0);
+    EXPECT_EQ(
+        text,
+        R"(2024-03-01 14:00:00.000002  AB.D  0x00001234  start                  -  pid=500 ticks/s=1000000000 correction=1709294400000000000 ns
+2024-03-01 14:00:00.000004  AB.D  0x00001234  id                    42
+2024-03-01 14:00:00.000006  AB.D  0x00001234  text                   -  "two\nlines"
+2024-03-01 14:00:00.000008  AB.D  0x00001234  text                   -  "AAAA" (cut)
+2024-03-01 14:00:00.000010  AB.D  0x00001234  data                   7  1 byte: ff |.|, 5 bytes: 01 02 03 04 05 |.....|
+2024-03-01 14:00:00.000012  AB.D  0x00001234  data                   7  1 byte: ff |.|, 4 bytes: 01 02 03 04 |....| (cut)
+2024-03-01 14:00:00.000014  AB.D  0x00001234  data                   7  (cut)
+2024-03-01 14:00:00.000016  AB.D  0x00001234  values32               8  9, 255 (0xff), -1 (0xffffffff)
+2024-03-01 14:00:00.000018  AB.D  0x00001234  values32               8  9 (cut)
+2024-03-01 14:00:00.000020  AB.D  0x00001234  values64               9  -9223372036854775808 (0x8000000000000000)
+2024-03-01 14:00:00.000022  AB.D  0x00001234  values64               9  16 (0x10) (cut)
+2024-03-01 14:00:00.000024  AB.D  0x00001234  error                  5  error=18 message="33 of a\t\"b\": 1.5 at 0xabc0" function="func" file="file.c" line=123 catalogue="kz_tr.cat" set=1 number=17 ffdc="F1"
+2024-03-01 14:00:00.000026  AB.D  0x00001234  error                  5  error=18 line=123 set=1 number=17 ffdc="abc" (cut)
+2024-03-01 14:00:00.000028  AB.D  0x00001234  texts                  3  "a\tb", ""
+2024-03-01 14:00:00.000030  AB.D  0x00001234  texts                  3  "abcd" (cut)
+2024-03-01 14:00:00.000032  AB.D  0x00001234  calibration            -  ticks/s=1000000000 correction=-1 ns
+2024-03-01 14:00:00.000034  AB.D  0x00001234  core-restart           -  pid=501 ticks/s=1000000000 correction=1709294400000000000 ns "core"
+2024-03-01 14:00:00.000036  AB.D  0x00001234  start                  -  (cut)
+2024-03-01 14:00:00.000038  AB.D  0x00001234  error                  5  error=18 message="<7>" line=1 set=1 number=2 default="%s" inserts=[7]
+-                           -     -           unfinished
+)");
+    EXPECT_THAT(run("dump --utc " + path).first, HasSubstr("2024-03-01 12:00:00.000004  AB.D"));
+}
+
+TEST(Kztrace, ShowsDataBlocksInThreeForms) {
+    const tempdir_t dir;
+    const std::string path = dir.file("trace");
+    write_file(path,
+               compose({{3, 2, 72, {7, 3, 18}, "0123456789abcdef\x1b\xff\0\0\0\0\0\0\1\0\0\0|"sv}, {0, 4095}}, 1));
+    struct row_t {
+        const char *pArguments, *pText;
+    };
+    static constexpr row_t rows[] = {
+        {"",
+         "18 bytes: 30 31 32 33 34 35 36 37 38 39 61 62 63 64 65 66 |0123456789abcdef| +2, 0 bytes, 1 byte: 7c |||\n"},
+        {"-b 2 ", "18 bytes: 30 31 |01| +16, 0 bytes, 1 byte: 7c |||\n"},
+        {"-b 0 ", " 66 1b ff |0123456789abcdef..|, 0 bytes, 1 byte: 7c |||\n"},
+        {"--hex off ", "data                   7  18 bytes, 0 bytes, 1 byte\n"},
+        {"--hex full ",
+         R"(18 bytes, 0 bytes, 1 byte
+      1  00000000  30 31 32 33 34 35 36 37  38 39 61 62 63 64 65 66  |0123456789abcdef|
+      1  00000010  1b ff                                             |..|
+      3  00000000  7c                                                |||
+)"},
+    };
+    for (const auto &row : rows)
+        EXPECT_THAT(run("dump " + std::string(row.pArguments) + path), Pair(EndsWith(row.pText), 0));
+}
+
+// What goes wrong, where it is told, and the exit code.
+TEST(Kztrace, TellsWhatItCannotRead) {
+    const tempdir_t dir;
+    const std::string good = dir.file("good"), bad = dir.file("bad"), fifo = dir.file("fifo");
+    const auto image = compose({{1, 2, 32, {1}}, {1, 4, 32, {1}}, {0, 4095}}, 2);
+    auto damaged = image;
+    put(&damaged, 232, uint32_t{4});
+    write_file(good, image);
+    write_file(bad, damaged);
+    ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+    struct row_t {
+        std::string arguments;
+        int exitCode;
+        std::string text;
+    };
+    const row_t rows[] = {
+        {"info " + good, 0, "baseProgName"},
+        {"info " + good, 0, "/opt/bin/tool\\x1b[1m\n"},
+        {"info " + good, 0, "UTC+01:00"},
+        {"info " + good, 0, "  AB.D                           2\nBy process\n  77                             2\n"},
+        {"info " + good, 0, "first                 2024-03-01 14:00:00.000002"},
+        {"dump " + good + " " + bad, 1, "==> " + good + " <==\n2024-03-01 14:00:00.000002"},
+        {"dump " + bad, 1, "\nkztrace: " + bad + ": the record at offset 232 has the length 4\n"},
+        {"dump " + dir.path(), 1, "is a directory"},
+        {"info " + fifo, 1, "is a FIFO"},
+        {"dump " + dir.file("absent"), 1, "absent: cannot be opened: No such file or directory\n"},
+        {"dump " + good + " >/dev/full", 1, "standard output: cannot be written"},
+        {"dump", 2, "FILE is required"},
+        {"", 2, "subcommand is required"},
+        {"dump --colour " + good, 2, "--colour"},
+        {"--version", 0, "kztrace 1."},
+        {"dump --help", 0, "--utc"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.arguments);
+        EXPECT_THAT(run(row.arguments), Pair(HasSubstr(row.text), row.exitCode));
+    }
+}
+
+// What is understood of specifications, where their faults are shown, and what of them stays in force.
+TEST(Kztrace, ChecksSpecifications) {
+    struct row_t {
+        const char *pArguments;
+        int exitCode;
+        const char *pText;
+    };
+    static constexpr row_t rows[] = {
+        {"levels ''", 0, "the text is empty: nothing to do\n"},
+        {"levels 'ABCD:*=3,[[:upper:]]+:io,A.B:x\\.y=-1,E:z=257'", 0,
+         R"(component     category  level
+ABCD          .*        3
+[[:upper:]]+  io        default
+A.B           x\.y      default
+E             z         257 (stored as 1)
+)"},
+        {"levels 'A\tB\x01ä\xff:io,E:(x=2'", 1, // one character of two bytes, three shown as escapes
+         R"(kztrace: 2625-015 Syntax error in trace specification at offset 13, category is not a valid regular expression.
+  A\tB\x01ä\xff:io,E:(x=2
+                     ^
+kztrace: nothing of the text takes effect
+)"},
+        {"map '/tmp/a,ABCD:*,X:y;\"/tmp/b c\",E:io;,Q:r;'", 0,
+         R"(file                  component  category
+/tmp/a                ABCD       .*
+                      X          y
+/tmp/b c              E          io
+(default trace file)  Q          r
+)"},
+        {"map '/tmp/a,ABCD:*;/tmp/b,EF'", 1,
+         R"(file    component  category
+/tmp/a  ABCD       .*
+kztrace: 2625-010 Syntax error in trace specification at offset 2, separator ':' expected.
+  /tmp/a,ABCD:*;/tmp/b,EF
+                         ^
+kztrace: that offset counts from the selections of the file, which begin at offset 21
+kztrace: the entries above stay in force, the text from the faulty group on is without effect
+)"},
+        {"sizes '/tmp/a,0x100000;,abc;b 4097k;c'", 1,
+         R"(file                     size  on disk
+/tmp/a                1048576  1048576
+(default trace file)        0     4096
+b                        4097     8192
+kztrace: warning: this is no number; the size is 0
+  /tmp/a,0x100000;,abc;b 4097k;c
+                   ^
+kztrace: warning: what follows the number is ignored
+  /tmp/a,0x100000;,abc;b 4097k;c
+                             ^
+kztrace: 2625-010 Syntax error in trace specification at offset 30, separator ':' expected.
+  /tmp/a,0x100000;,abc;b 4097k;c
+                                ^
+kztrace: the entries above stay in force, the text from the faulty group on is without effect
+)"},
+        {"sizes a,4294967297", 0, R"(file  size  on disk
+a        1     4096
+kztrace: warning: the size is more than 4294967295; of the number only the low 32 bits are taken, 1
+  a,4294967297
+    ^
+)"},
+    };
+    for (const auto &row : rows) {
+        SCOPED_TRACE(row.pArguments);
+        EXPECT_THAT(run(row.pArguments), Pair(row.pText, row.exitCode));
+    }
+}

@@ -5,10 +5,12 @@
 //   own lock         `anchorMutex` of one anchor. For a file without pages it is the anchor-set lock.
 //   anchor-set lock  The writer's position in one file or page set: `pSpoolMutex` of a page set, else the own lock; so
 //                    for the default file without pages it is the global lock itself.
-//   leaf locks       `anchorListMutex` (insertion into the anchor list), the one of the cluster's identity: nothing is
-//                    locked under them.
+//   queue lock       `spq.mutex`. The queue to the copy thread, and the state bytes of queued pages. The copy thread holds
+//                    it while it copies a page, so its holder may unmap pages.
+//   leaf locks       `anchorListMutex` (insertion into the anchor list), `configuration_file_last_modified_mutex`, those
+//                    of the cluster's identity and of the core event: nothing is locked under them.
 //
-// Order: global, own, anchor set, leaf. A recorder never takes the global lock while it holds an anchor-set lock.
+// Order: global, own, anchor set, queue, leaf. A recorder never takes the global lock while it holds an anchor-set lock.
 //
 // `pMap`, `pMapEnd`, `uActualFileSize`, `uRequestedFileSize`, `uMaxSize`, `fileName`, `spool`, `pSpoolMutex`, `pSetMutex`,
 // `ppActivePg` and `nextPage` of an anchor that recorders can reach change only with the global lock *and* its anchor-set
@@ -37,11 +39,13 @@ struct trace_anchor_t;
 struct TR_TSA(capability("lock")) lock_role_t {};
 extern lock_role_t global_lock;
 extern lock_role_t anchor_set_lock TR_TSA(acquired_after(global_lock));
+extern lock_role_t queue_lock TR_TSA(acquired_after(anchor_set_lock));
 
 #define TR_TRY_LOCK(role) TR_TSA(try_acquire_capability(0, role)) TR_TSA(locks_excluded(role)) // 0: locked
 #define TR_LOCK(role) TR_TSA(acquire_capability(role)) TR_TSA(locks_excluded(role))
 #define TR_UNLOCK(role) TR_TSA(release_capability(role))
 #define TR_HOLDS(role) TR_TSA(requires_capability(role))
+#define TR_EXCLUDES(role) TR_TSA(locks_excluded(role))
 #define TR_UNCHECKED TR_TSA(no_thread_safety_analysis) // the function is the lock, or a clean-up handler
 
 // Takes the global lock. In the child of a fork whoever held it may not exist any more: there it waits for one second

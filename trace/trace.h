@@ -53,6 +53,27 @@ struct trace_spool_spec_t {
     char *dir;              // borrowed from a `dest`; null until needed
 };
 
+struct trace_anchor_t;
+
+// A full page that waits to be copied, or a file whose copy was asked for.
+struct sp_q_element_t {
+    sp_q_element_t *pNext;       // the next older element
+    sp_q_element_t *pPrev;       // the next newer one
+    trace_anchor_t *pAnchor;     // the page, or null
+    char fileName[TR_NAME_SIZE]; // the file; empty for a page
+    const char *dest;            // the file's destination directory, the caller's text; null for a page
+    int32_t del;                 // 1: remove the file once it is copied
+};
+
+// The queue to the copy thread. The queue lock guards all of it, its elements and the state bytes of queued pages.
+struct sp_q_t {
+    sp_q_element_t *pFirst; // the newest
+    sp_q_element_t *pLast;  // the oldest
+    int32_t cnt;
+    pthread_mutex_t mutex;
+    pthread_cond_t cond;
+};
+
 // What a writer found wrong with a mapped ring.
 enum trace_damage_kind_t : uint8_t {
     TR_DAMAGE_NONE,
@@ -65,8 +86,9 @@ enum trace_damage_kind_t : uint8_t {
 // it stands nothing is reserved.
 struct trace_damage_t {
     trace_damage_kind_t kind;
-    bool bTaken;         // somebody is on his way to repair it
-    uint32_t uReqLength; // bytes of the record that was asked for
+    bool bTaken;           // somebody is on his way to repair it
+    uint32_t uReqLength;   // bytes of the record that was asked for
+    trace_anchor_t *pPage; // the damaged file or page
 };
 
 struct trace_anchor_t {
@@ -104,7 +126,10 @@ struct trace_anchor_t {
                     // default anchor until the library is initialised: nothing is recorded before
     dev_t device;   // of the mapped file: no file is mapped twice
     ino_t inode;
-    trace_damage_t damage;
+    trace_damage_t damage; // head of a page set: of any of its pages
+    uint32_t uUnpagedSize; // head of a page set: requested size in bytes before the set was built
+    bool bFull;            // page: filled to its very end, the next reservation takes the page that follows
+    bool bRetired;         // page: on the head's list of retired pages, no longer in the ring
 };
 
 extern trace_anchor_t anchors;

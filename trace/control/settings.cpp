@@ -29,7 +29,7 @@ static int32_t set_filename_locked(const char *pFileName) TR_HOLDS(global_lock) 
         return 0;
     (void)stop_trace(&anchors, 0);
     lock_anchor_set_under_global(&anchors);
-    strcpy(anchors.fileName, pFileName); // its length was checked
+    memcpy(anchors.fileName, pFileName, strlen(pFileName) + 1); // its length was checked
     unlock_anchor_set_under_global(&anchors);
     return is_trace_on(&anchors) != 0 ? start_trace(&anchors) : 0;
 }

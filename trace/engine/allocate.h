@@ -63,7 +63,7 @@ inline uint32_t next_seq(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
 struct walk_t {
     uint8_t *pRec;              // the next to be taken over
     uint64_t uSize;             // bytes taken over
-    const uint8_t *pStart;      // the last start record among them, or null
+    uint32_t uStartOffset;      // in the mapping, of the last start record among them; 0: none
     bool bWrapped;              // went back to the front
     trace_damage_kind_t damage; // met
 };
@@ -89,7 +89,7 @@ TR_INLINE bool take_record(trace_anchor_t *pAnchor, walk_t *pWalk, uint64_t need
         wait_tail(pAnchor, seqNumber);
     if (record_kind(pRec) == TR_KIND_START) [[unlikely]] {
         if (rest >= sizeof(trace_record_start_t))
-            pWalk->pStart = pRec;
+            pWalk->uStartOffset = static_cast<uint32_t>(pRec - pAnchor->pMap);
     }
     uint32_t recLength = record_length(pRec);
     if (recLength > rest) [[unlikely]]
@@ -105,7 +105,7 @@ TR_INLINE walk_t find_room(trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(an
     constexpr uint64_t UNBOUNDED_STEPS = TR_MIN_FILE_SIZE / TR_HEADER_LENGTH;
     const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
     walk_t walk = {
-        .pRec = pAnchor->pNextFree, .uSize = 0, .pStart = nullptr, .bWrapped = false, .damage = TR_DAMAGE_NONE};
+        .pRec = pAnchor->pNextFree, .uSize = 0, .uStartOffset = 0, .bWrapped = false, .damage = TR_DAMAGE_NONE};
     // Records of one size take two steps: these are not counted.
     if (take_record(pAnchor, &walk, needed))
         return walk;
@@ -178,8 +178,8 @@ TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *
         return nullptr;
     }
     const auto room = static_cast<uint32_t>(walk.uSize);
-    if (walk.pStart != nullptr) [[unlikely]]
-        return place_over_start(pAnchor, length, room, walk.pStart);
+    if (walk.uStartOffset != 0) [[unlikely]]
+        return place_over_start(pAnchor, length, room, pAnchor->pMap + walk.uStartOffset);
     return place_record(pAnchor, length, room);
 }
 

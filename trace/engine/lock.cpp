@@ -15,6 +15,7 @@
 
 lock_role_t global_lock;
 lock_role_t anchor_set_lock;
+lock_role_t queue_lock;
 
 constexpr uint32_t TR_FIRST_PAUSE = 64;  // in pause instructions: about two microseconds
 constexpr uint32_t TR_LAST_PAUSE = 1024; // then block

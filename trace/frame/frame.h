@@ -47,6 +47,16 @@ constexpr int32_t TR_RC_NO_SPACE = 35;
 constexpr int32_t TR_RC_NOT_TRACE_FILE = 36;
 constexpr int32_t TR_RC_QUERY_HANDLE = 37;
 constexpr int32_t TR_RC_COMPONENT_IN_USE = 38;
+constexpr int32_t TR_RC_SPOOL_TEXT = 39; // the results of reading spooling entries are nobody's error object
+constexpr int32_t TR_RC_SPOOL_ON = 40;
+constexpr int32_t TR_RC_SPOOL_OFF = 41;
+constexpr int32_t TR_RC_HEADING_PATTERN = 42;
+constexpr int32_t TR_RC_FIELD_PATTERN = 43;
+constexpr int32_t TR_RC_COMMENT_PATTERN = 44;
+constexpr int32_t TR_RC_SPOOL_SYNTAX = 46;
+constexpr int32_t TR_RC_SPOOL_STORE = 47;
+constexpr int32_t TR_RC_SPOOL_OPEN = 48;
+constexpr int32_t TR_RC_WRITE = 49;
 constexpr int32_t TR_RC_MODE = -1; // started, but its mode could not be set
 
 constexpr int32_t TR_MSG_AFS = 35; // reported with TR_RC_FSTAT
@@ -54,6 +64,7 @@ constexpr int32_t TR_MSG_NO_SPACE = 36;
 constexpr int32_t TR_MSG_NOT_TRACE_FILE = 37;
 constexpr int32_t TR_MSG_QUERY_HANDLE = 38;
 constexpr int32_t TR_MSG_COMPONENT_IN_USE = 39;
+constexpr int32_t TR_MSG_WRITE = 40;
 
 constexpr char TR_NULL_TEXT[] = "(NULL)"; // insert of a message where there is no text
 
@@ -86,6 +97,8 @@ extern uint32_t global_debug_level;
 // Writes a line to the system log, at priority warning, when the debug level is at least TR_DEBUG_ALL. Not a
 // cancellation point: lines are written in the middle of things, a recorder's with its lock held.
 __attribute__((format(printf, 1, 2))) void debug_line(const char *pFormat, ...);
+// The same at another level or priority (LOG_ERR, LOG_WARNING).
+__attribute__((format(printf, 3, 4))) void debug_line_at(uint32_t level, int priority, const char *pFormat, ...);
 
 // Low 32 bits of an address, as the diagnostic lines show it.
 inline uint32_t low_address(const volatile void *p) {

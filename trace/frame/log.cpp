@@ -11,17 +11,28 @@
 
 uint32_t global_debug_level = 0;
 
-void debug_line(const char *pFormat, ...) {
-    if (observe(&global_debug_level) < TR_DEBUG_ALL)
+static void write_line(uint32_t level, int priority, const char *pFormat, va_list args) {
+    if (observe(&global_debug_level) < level)
         return;
     const int savedErrno = errno; // recorders keep it
     const int cancelState = cancel_disable();
-    va_list args;
-    va_start(args, pFormat);
-    vsyslog(LOG_WARNING, pFormat, args);
-    va_end(args);
+    vsyslog(priority, pFormat, args);
     cancel_restore(cancelState);
     errno = savedErrno;
+}
+
+void debug_line(const char *pFormat, ...) {
+    va_list args;
+    va_start(args, pFormat);
+    write_line(TR_DEBUG_ALL, LOG_WARNING, pFormat, args);
+    va_end(args);
+}
+
+void debug_line_at(uint32_t level, int priority, const char *pFormat, ...) {
+    va_list args;
+    va_start(args, pFormat);
+    write_line(level, priority, pFormat, args);
+    va_end(args);
 }
 
 void log_trc_error(const char *err_str, char opt) {

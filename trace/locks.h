@@ -26,6 +26,7 @@
 #ifndef KZ_TRACE_LOCKS_H
 #define KZ_TRACE_LOCKS_H
 
+#include <pthread.h>
 #include <time.h>
 
 #if defined(__clang__)
@@ -68,6 +69,17 @@ void lock_anchor_set_under_global(trace_anchor_t *pAnchor) TR_HOLDS(global_lock)
 int lock_anchor_set_until(trace_anchor_t *pAnchor, const struct timespec *pDeadline) TR_HOLDS(global_lock)
     TR_TRY_LOCK(anchor_set_lock);
 void unlock_anchor_set_under_global(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_UNLOCK(anchor_set_lock);
+
+// The same for a holder who changes which mutex recorders choose. Returns the one that is to be unlocked whatever the
+// choice is by then, or null when there is none. Recorders that waited choose again.
+pthread_mutex_t *lock_present_set(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_LOCK(anchor_set_lock);
+void unlock_former_set(pthread_mutex_t *pMutex) TR_UNLOCK(anchor_set_lock);
+
+// Keeps recorders of one file waiting over several steps that each take its anchor-set lock, while the file becomes a
+// page set; hold_future_set() does so for the mutex that they will choose, when the file is held at all.
+void hold_set(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_UNCHECKED;
+void hold_future_set(const trace_anchor_t *pAnchor, pthread_mutex_t *pMutex) TR_HOLDS(global_lock) TR_UNCHECKED;
+void release_held_set() TR_HOLDS(global_lock) TR_UNCHECKED;
 
 // Switches thread cancellation off around work that cannot be undone half-way, and back to what it was.
 int cancel_disable();

@@ -74,12 +74,13 @@ struct sp_q_t {
     pthread_cond_t cond;
 };
 
-// What a writer found wrong with a mapped ring.
+// What a writer found wrong with a mapped ring, or else why a walk ended without room.
 enum trace_damage_kind_t : uint8_t {
     TR_DAMAGE_NONE,
-    TR_DAMAGE_LOOP,     // a walk longer than the ring can have records
-    TR_DAMAGE_OVERWRAP, // the end of the ring twice in one walk
-    TR_DAMAGE_OVERRUN,  // a position with no room for a header
+    TR_DAMAGE_PAGE_FULL, // no damage: the end of a page
+    TR_DAMAGE_LOOP,      // a walk longer than the ring can have records
+    TR_DAMAGE_OVERWRAP,  // the end of the ring twice in one walk
+    TR_DAMAGE_OVERRUN,   // a position with no room for a header
 };
 
 // The note of damage: made by the reservation that meets it, cleared by the repair or when the file is stopped. While

@@ -8,6 +8,7 @@
 
 #include "cu/kz_cu.h"
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/frame/frame.h"
 
 // ---- The name of the default trace file ----
@@ -25,9 +26,10 @@ static int32_t set_filename_locked(const char *pFileName) TR_HOLDS(global_lock) 
         stop_all_traces();
         return 0;
     }
-    if (strcmp(anchors.fileName, pFileName) == 0)
-        return 0;
+    if (has_base_name(&anchors, pFileName))
+        return 0; // a page set keeps the name that it was given
     (void)stop_trace(&anchors, 0);
+    dissolve_page_set(&anchors);
     lock_anchor_set_under_global(&anchors);
     memcpy(anchors.fileName, pFileName, strlen(pFileName) + 1); // its length was checked
     unlock_anchor_set_under_global(&anchors);
@@ -65,18 +67,29 @@ int32_t tr_get_filename_1(char *pFileName) {
 
 // ---- Sizes ----
 
+// Sets the size in a plain file, or its share in each page of a set.
+static void store_size(trace_anchor_t *pHead, uint32_t newSize) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
+    const uint32_t numPages = pHead->spool != nullptr ? pHead->spool->pages : 0;
+    const uint32_t size = numPages != 0 ? page_size_for(pHead, newSize, numPages) : newSize;
+    pHead->uUnpagedSize = newSize;
+    for (trace_anchor_t *pPage = pHead; pPage != nullptr; pPage = next_page_of(pHead, pPage)) {
+        debug_line("^^^ setting size in %s", pPage->fileName);
+        pPage->uRequestedFileSize = size;
+    }
+}
+
 // A started file is stopped and started again with its new size.
 static int32_t tr_set_size_in_anchor(trace_anchor_t *pAnchor, uint32_t newSize) TR_HOLDS(global_lock) {
-    if (is_switched_off() || pAnchor->uRequestedFileSize == newSize)
+    trace_anchor_t *const pHead = set_head(pAnchor);
+    if (is_switched_off() || pHead->uRequestedFileSize == newSize)
         return 0;
-    debug_line("^^^ setting size in %s", pAnchor->fileName);
-    lock_anchor_set_under_global(pAnchor);
-    pAnchor->uRequestedFileSize = newSize;
-    unlock_anchor_set_under_global(pAnchor);
-    if (pAnchor->pMap == nullptr)
+    lock_anchor_set_under_global(pHead);
+    store_size(pHead, newSize);
+    unlock_anchor_set_under_global(pHead);
+    if (pHead->pMap == nullptr)
         return 0;
-    const int32_t rc = stop_trace(pAnchor, 0);
-    return rc == 0 ? start_trace(pAnchor) : rc;
+    const int32_t rc = stop_trace(pHead, 0);
+    return rc == 0 ? start_trace(pHead) : rc;
 }
 
 static int32_t set_file_size_locked(const char *pFileName, uint32_t size) TR_HOLDS(global_lock) {

@@ -107,6 +107,20 @@ uint8_t *place_over_start(trace_anchor_t *pAnchor, uint32_t length, uint32_t roo
     return pRec;
 }
 
+uint8_t *front_of_ring(trace_anchor_t *pAnchor) {
+    if (!is_page(pAnchor))
+        return pAnchor->pWrap;
+    pAnchor->bFull = true;
+    return pAnchor->pMap + TR_DATA_OFFSET; // where readers begin: before a note, too
+}
+
+void end_walk(trace_anchor_t *pAnchor, trace_damage_kind_t kind, uint32_t length) {
+    if (kind == TR_DAMAGE_PAGE_FULL)
+        pAnchor->bFull = true;
+    else
+        note_damage(pAnchor, kind, length);
+}
+
 void log_odd_length(uint32_t length) {
     debug_line("Odd length requested: %u\n", length);
 }

@@ -21,6 +21,7 @@
 #include <cstdint>
 
 #include "cu/kz_cu.h"
+#include "trace/engine/page_set.h"
 #include "trace/engine/repair.h"
 #include "trace/engine/ring.h"
 #include "trace/publish.h"
@@ -52,6 +53,16 @@ __attribute__((noinline)) void go_to_front(trace_anchor_t *pAnchor, uint32_t acc
 
 TR_COLD void log_odd_length(uint32_t length);
 
+// A record filled the ring to its very end. Returns where the next one goes: to the front, but in a page, where nothing
+// may be written over, behind the switch to the next page.
+TR_COLD uint8_t *front_of_ring(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock);
+
+// The walk ended without room: notes the damage, or that the page is full.
+TR_COLD void end_walk(trace_anchor_t *pAnchor, trace_damage_kind_t kind, uint32_t length) TR_HOLDS(anchor_set_lock);
+
+// The same reservation in the pages behind a full one; null when the page is not full.
+TR_COLD uint8_t *allocate_in_next_page(trace_anchor_t *pFull, const uint32_t *pReqLength) TR_HOLDS(anchor_set_lock);
+
 // ---- The walk ----
 
 inline uint32_t next_seq(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
@@ -73,6 +84,10 @@ TR_INLINE bool take_record(trace_anchor_t *pAnchor, walk_t *pWalk, uint64_t need
     const uint8_t *const pMapEnd = pAnchor->pMapEnd;
     auto rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
     if (rest < TR_HEADER_LENGTH) [[unlikely]] {
+        if (rest == 0 && is_page(pAnchor)) {
+            pWalk->damage = TR_DAMAGE_PAGE_FULL;
+            return true;
+        }
         if (rest != 0 || pWalk->bWrapped) { // the latter is a safeguard: what no ring could hold was refused before
             pWalk->damage = rest != 0 ? TR_DAMAGE_OVERRUN : TR_DAMAGE_OVERWRAP;
             return true;
@@ -142,7 +157,7 @@ TR_INLINE uint8_t *place_record(trace_anchor_t *pAnchor, uint32_t length, uint32
     uint8_t *pNextFree = pRec + length;
     if (room == length + TR_HEADER_LENGTH) {
         // 2. Nothing but a header would be left: the record keeps it, and the next one takes over the oldest.
-        pNextFree = pRec + room == pAnchor->pMapEnd ? pAnchor->pWrap : pRec + room;
+        pNextFree = pRec + room == pAnchor->pMapEnd ? front_of_ring(pAnchor) : pRec + room;
     } else {
         // 3. The free record is complete before the record points at it.
         write_free_record(pNextFree, room - length, TR_SEQ_FREE);
@@ -174,7 +189,7 @@ TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *
         log_odd_length(length);
     const walk_t walk = find_room(pAnchor, length);
     if (walk.damage != TR_DAMAGE_NONE) [[unlikely]] {
-        note_damage(pAnchor, walk.damage, length);
+        end_walk(pAnchor, walk.damage, length);
         return nullptr;
     }
     const auto room = static_cast<uint32_t>(walk.uSize);
@@ -183,13 +198,17 @@ TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *
     return place_record(pAnchor, length, room);
 }
 
-// Reserves a record of `*pReqLength` bytes, header included, a multiple of 4. Its kind is TR_KIND_RESERVED and its
+// Reserves a record of `*pReqLength` bytes, header included, a multiple of 4, in a plain file or in the page of a set that
+// active_page() yields, or in one behind it when that is full. Its kind is TR_KIND_RESERVED and its
 // length, number, thread and stamp are set; the caller stores the component identifier and the body, and publishes the
 // kind last. The record may stand at any address when the ring was harmed. Returns null when nothing can be reserved:
 // not started, too long, or damaged, which is noted for repair_damage(). May wait for a tail reader, up to 2.5 s, with
 // the lock held: a cancellation point then.
 TR_INLINE uint8_t *allocate_space(trace_anchor_t *pAnchor, const uint32_t *pReqLength) TR_HOLDS(anchor_set_lock) {
-    return allocate_space_page(pAnchor, pReqLength);
+    uint8_t *const pRec = allocate_space_page(pAnchor, pReqLength);
+    if (pRec == nullptr) [[unlikely]]
+        return allocate_in_next_page(pAnchor, pReqLength);
+    return pRec;
 }
 
 #endif

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/frame/frame.h"
 #include "trace/publish.h"
 
@@ -59,6 +60,8 @@ void initAnchor(trace_anchor_t *pAnchor) {
     pAnchor->numAnchors = 0;
     pAnchor->bSpoolProcessed = 0;
     pAnchor->consecutiveSpoolNotCopied = 0;
+    pAnchor->uUnpagedSize = TR_DEFAULT_FILE_SIZE;
+    pAnchor->bFull = pAnchor->bRetired = false;
     pAnchor->damage = {};
     choose_set_mutex(pAnchor);
     if (pAnchor != &anchors)
@@ -84,10 +87,12 @@ static trace_anchor_t *find_by_file(const char *pFileName) {
     return pAnchor;
 }
 
-// The same, but heads of page sets also answer to their base name.
+// The same, but heads of page sets also answer to their base name: also where that has ".sp" in it, which
+// spool_name_match() takes for its end.
 static trace_anchor_t *find_anchor(const char *pFileName) TR_HOLDS(global_lock) {
     for (trace_anchor_t *pAnchor = &anchors; pAnchor != nullptr; pAnchor = observe(&pAnchor->next)) {
-        if (pAnchor->nextPage != nullptr && spool_name_match(pAnchor->fileName, pFileName) == 0) {
+        if (is_set_head(pAnchor) &&
+            (spool_name_match(pAnchor->fileName, pFileName) == 0 || has_base_name(pAnchor, pFileName))) {
             debug_line("spool_name_match match! at %s==%s\n", pAnchor->fileName, pFileName);
             return pAnchor;
         }

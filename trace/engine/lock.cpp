@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/engine/set_lock.h"
 #include "trace/publish.h"
 
@@ -76,16 +77,53 @@ TR_UNCHECKED void cleanup_anchor_set(void *pArg) {
     (void)unlock_anchor_set(static_cast<trace_anchor_t *>(pArg));
 }
 
-// Whether a holder of the global lock has to lock the set as well: not when it is the same mutex or there are no recorders
-// yet, and not in a child, where a thread that does not exist any more may hold it and nobody records.
-static bool must_lock_set(const trace_anchor_t *pAnchor) {
+// The set that the holder of the global lock keeps recorders out of over several steps. Guarded by the global lock.
+static constinit struct {
+    const trace_anchor_t *pHead;
+    pthread_mutex_t *mutexes[2]; // which recorders choose, before and after
+} held_set = {};
+
+// Whether a holder of the global lock has to lock the set as well: not when it is the same mutex, is held already or there
+// are no recorders yet, and not in a child, where a thread that does not exist any more may hold it and nobody records.
+static bool must_lock_set(trace_anchor_t *pAnchor) {
     const pthread_mutex_t *const pMutex = anchor_set_mutex(pAnchor);
-    return pMutex != nullptr && pMutex != &anchors.anchorMutex && observe(&this_is_child) == 0;
+    return pMutex != nullptr && pMutex != &anchors.anchorMutex && set_head(pAnchor) != held_set.pHead &&
+           observe(&this_is_child) == 0;
+}
+
+TR_UNCHECKED pthread_mutex_t *lock_present_set(trace_anchor_t *pAnchor) {
+    if (!must_lock_set(pAnchor))
+        return nullptr;
+    pthread_mutex_t *const pMutex = anchor_set_mutex(pAnchor);
+    (void)pthread_mutex_lock(pMutex);
+    return pMutex;
+}
+
+TR_UNCHECKED void unlock_former_set(pthread_mutex_t *pMutex) {
+    if (pMutex != nullptr)
+        (void)pthread_mutex_unlock(pMutex);
+}
+
+void hold_set(trace_anchor_t *pAnchor) {
+    held_set.mutexes[0] = lock_present_set(pAnchor);
+    held_set.pHead = pAnchor;
+}
+
+void hold_future_set(const trace_anchor_t *pAnchor, pthread_mutex_t *pMutex) {
+    if (held_set.pHead != pAnchor)
+        return;
+    (void)pthread_mutex_lock(pMutex);
+    held_set.mutexes[1] = pMutex;
+}
+
+void release_held_set() {
+    unlock_former_set(held_set.mutexes[1]);
+    unlock_former_set(held_set.mutexes[0]);
+    held_set = {};
 }
 
 TR_UNCHECKED void lock_anchor_set_under_global(trace_anchor_t *pAnchor) {
-    if (must_lock_set(pAnchor))
-        (void)pthread_mutex_lock(anchor_set_mutex(pAnchor));
+    (void)lock_present_set(pAnchor);
 }
 
 TR_UNCHECKED int lock_anchor_set_until(trace_anchor_t *pAnchor, const struct timespec *pDeadline) {

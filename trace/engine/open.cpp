@@ -16,6 +16,7 @@
 
 #include "cu/kz_cu.h"
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/engine/starting.h"
 #include "trace/frame/frame.h"
 #include "trace/publish.h"
@@ -83,15 +84,21 @@ static int32_t open_file(starting_file_t *pFile) {
     }
 }
 
+static bool is_mapping_of(const trace_anchor_t *pPage, const starting_file_t *pFile) TR_HOLDS(global_lock) {
+    return pPage->pMap != nullptr && pPage->device == pFile->device && pPage->inode == pFile->inode;
+}
+
 // Whether an anchor or a page of this process has the file mapped: two positions in one ring would destroy each other.
 static bool is_mapped_already(const starting_file_t *pFile) TR_HOLDS(global_lock) {
     for (const trace_anchor_t *pAnchor = &anchors; pAnchor != nullptr; pAnchor = observe(&pAnchor->next)) {
-        const trace_anchor_t *pPage = pAnchor;
-        do {
-            if (pPage->pMap != nullptr && pPage->device == pFile->device && pPage->inode == pFile->inode)
+        for (const trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage)) {
+            if (is_mapping_of(pPage, pFile))
                 return true;
-            pPage = pPage->nextPage;
-        } while (pPage != nullptr && pPage != pAnchor);
+        }
+        for (const trace_anchor_t *pPage = pAnchor->p_obsolete_pages; pPage != nullptr; pPage = pPage->nextPage) {
+            if (is_mapping_of(pPage, pFile))
+                return true;
+        }
     }
     return false;
 }

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "trace/engine/page_set.h"
 #include "trace/engine/repair.h"
 #include "trace/engine/starting.h"
 #include "trace/engine/stopping.h"
@@ -18,15 +19,18 @@
 constexpr size_t TR_LOOP_TEXT_SIZE = 59; // bytes; a longer line is cut
 
 void note_damage(trace_anchor_t *pAnchor, trace_damage_kind_t kind, uint32_t uReqLength) {
-    pAnchor->damage = {.kind = kind, .bTaken = false, .uReqLength = uReqLength};
+    trace_anchor_t *const pHead = set_head(pAnchor);
+    pHead->damage = {.kind = kind, .bTaken = false, .uReqLength = uReqLength, .pPage = pAnchor};
     publish(&pAnchor->uMaxSize, uint32_t{0}); // recorders take it for not started
+    publish(&pHead->uMaxSize, uint32_t{0});
 }
 
 bool take_damage(trace_anchor_t *pAnchor, trace_damage_t *pDamage) {
-    if (pAnchor->damage.kind == TR_DAMAGE_NONE || pAnchor->damage.bTaken)
+    trace_damage_t *const pNote = &set_head(pAnchor)->damage;
+    if (pNote->kind == TR_DAMAGE_NONE || pNote->bTaken)
         return false;
-    pAnchor->damage.bTaken = true;
-    *pDamage = pAnchor->damage;
+    pNote->bTaken = true;
+    *pDamage = *pNote;
     return true;
 }
 
@@ -45,15 +49,19 @@ void log_damage(const trace_damage_t *pDamage) {
         log_trc_error("zorv_trace: allocate_space overrun one\n", '0');
         break;
     case TR_DAMAGE_NONE:
+    case TR_DAMAGE_PAGE_FULL:
         break;
     }
 }
 
 void reinit_in_place(trace_anchor_t *pAnchor) {
-    reset_ring(pAnchor->pMap, pAnchor->uActualFileSize);
-    pAnchor->pWrap = pAnchor->pNextFree = pAnchor->pMap + TR_DATA_OFFSET;
-    pAnchor->seqNumber = 0;
+    trace_anchor_t *const pPage = pAnchor->damage.pPage;
+    reset_ring(pPage->pMap, pPage->uActualFileSize);
+    pPage->pWrap = pPage->pNextFree = pPage->pMap + TR_DATA_OFFSET;
+    pPage->seqNumber = 0;
+    pPage->bFull = false;
     pAnchor->damage = {};
+    publish(&pPage->uMaxSize, max_record_size(pPage->uActualFileSize));
     publish(&pAnchor->uMaxSize, max_record_size(pAnchor->uActualFileSize));
 }
 
@@ -68,14 +76,16 @@ static bool keep_damaged_file(const char *pName) {
     return rename(pName, saved) == 0;
 }
 
-// A file that can't be kept is made anew in place, or an unwritable directory would have it restarted for ever.
+// A file that can't be kept is made anew in place, or an unwritable directory would have it restarted for ever. Of a page
+// set all pages are stopped and started, but only the damaged one is made anew.
 static void trace_reinit(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
     const bool bWanted = is_trace_on(pAnchor) != 0;
+    trace_anchor_t *const pPage = pAnchor->damage.pPage;
     if (bWanted)
-        stop_trace_page(pAnchor, 0);
-    const bool bKept = keep_damaged_file(pAnchor->fileName);
+        stop_pages(pAnchor, 0);
+    const bool bKept = keep_damaged_file(pPage->fileName);
     if (bWanted)
-        (void)restart_trace(pAnchor, !bKept);
+        (void)restart_trace(pAnchor, bKept ? nullptr : pPage);
     else
         reinit_in_place(pAnchor); // goes on in the renamed file until it is stopped
 }
@@ -85,10 +95,11 @@ void repair_damage(trace_anchor_t *pAnchor, const trace_damage_t *pDamage) {
     const int cancelState = cancel_disable();
     log_damage(pDamage);
     if (lockGlobalMutex() == 0) {
-        lock_anchor_set_under_global(pAnchor);
-        if (pAnchor->damage.kind != TR_DAMAGE_NONE) // not stopped meanwhile
-            trace_reinit(pAnchor);
-        unlock_anchor_set_under_global(pAnchor);
+        trace_anchor_t *const pHead = set_head(pAnchor);
+        lock_anchor_set_under_global(pHead);
+        if (pHead->damage.kind != TR_DAMAGE_NONE) // not stopped meanwhile
+            trace_reinit(pHead);
+        unlock_anchor_set_under_global(pHead);
         (void)unlockGlobalMutex();
     }
     cancel_restore(cancelState);

@@ -7,6 +7,7 @@
 
 #include "cu/kz_cu.h"
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/engine/ring.h"
 #include "trace/engine/starting.h"
 #include "trace/frame/frame.h"
@@ -41,8 +42,17 @@ int32_t get_tz_offset() {
 
 // ---- A fresh header ----
 
+// Which page of a set is the active one is settled when all are started; until then it is the one that was.
+static uint8_t fresh_page_state(const trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
+    if (!is_page(pAnchor))
+        return TR_NOT_A_PAGE;
+    const bool bActive = observe(pAnchor->ppActivePg) == pAnchor;
+    debug_line("init_trace_header: setting %s to %s\n", pAnchor->fileName, bActive ? "TR_ACTIVE" : "TR_READY");
+    return bActive ? TR_ACTIVE : TR_READY;
+}
+
 // Writes all but what every start writes: process, program and base name.
-static void init_trace_header(const starting_file_t *pFile) {
+static void init_trace_header(const starting_file_t *pFile) TR_HOLDS(global_lock) {
     trace_file_header_t header = {};
     header.uProperties = byte_order_property();
     header.uPlatform = TR_PLATFORM;
@@ -59,7 +69,7 @@ static void init_trace_header(const starting_file_t *pFile) {
     if (get_cluster_info(&cluster) == 0)
         header.uNodeNumber = static_cast<uint16_t>(cluster.cu_node_number);
     header.uNode_ID = node_id();
-    header.sp_flags = TR_NOT_A_PAGE;
+    header.sp_flags = fresh_page_state(pFile->pAnchor);
     header.tz_offset = get_tz_offset();
     memcpy(pFile->pMap, &header, sizeof header);
 }
@@ -141,6 +151,19 @@ static bool is_own_header(const trace_file_header_t *pHeader, const program_name
            pHeader->uVersion <= TR_VERSION && pHeader->uActualFileSize == uSize;
 }
 
+// The state byte of a file that is re-used, and whether records were last written to it as a page.
+static void reuse_page_state(starting_file_t *pFile) {
+    trace_file_header_t *pHeader = header_of(pFile->pMap);
+    if (!is_page(pFile->pAnchor)) {
+        pHeader->sp_flags = TR_NOT_A_PAGE;
+    } else if ((pHeader->sp_flags & TR_ACTIVE) != 0 && !pFile->options.bNewPage) {
+        pFile->bWasActive = true;
+        debug_line("start_trace_page: found active page (%s)\n", pFile->pAnchor->fileName);
+    } else {
+        pHeader->sp_flags = TR_READY;
+    }
+}
+
 // Takes over what the file holds. Returns false when it is not to be re-used.
 static bool reuse_contents(starting_file_t *pFile, const program_names_t *pNames) {
     trace_file_header_t *pHeader = header_of(pFile->pMap);
@@ -150,7 +173,7 @@ static bool reuse_contents(starting_file_t *pFile, const program_names_t *pNames
         return false;
     }
     if (pHeader->uVersion >= TR_VERSION_PAGES)
-        pHeader->sp_flags = TR_NOT_A_PAGE;
+        reuse_page_state(pFile);
     if (pHeader->uVersion >= TR_VERSION_NODE_ID)
         pHeader->uNode_ID = node_id();
     publish(&pHeader->uFlags, uint16_t{0});

@@ -4,16 +4,19 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "cu/kz_cu.h"
 #include "trace/engine/allocate.h"
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/engine/repair.h"
 #include "trace/engine/ring.h"
 #include "trace/engine/starting.h"
 #include "trace/frame/frame.h"
 #include "trace/publish.h"
+#include "trace/spool/spool.h"
 
 constexpr size_t TR_ARGS_SIZE = 512; // bytes read of the process's arguments
 
@@ -62,17 +65,44 @@ static uint8_t *allocate_engine_record(trace_anchor_t *pAnchor, uint32_t length)
     return pRec;
 }
 
-// Opens the records of this process in the file. Returns 0.
-static int32_t int_record_start(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
-    if (is_switched_off() || pAnchor->uMaxSize == 0)
-        return 0;
-    uint8_t *pRec = allocate_engine_record(pAnchor, sizeof(trace_record_start_t));
-    if (pRec == nullptr)
-        return 0;
+// What a start record and a restart record begin with.
+static void fill_start_record(uint8_t *pRec) {
     cu_timeinfo_t timeInfo = {};
     cu_get_procspeed_1(&timeInfo);
     store_at(pRec + offsetof(trace_record_start_t, pid), static_cast<uint32_t>(getpid()));
     store_at(pRec + offsetof(trace_record_start_t, timeInfo), timeInfo);
+}
+
+// Opens the records of this process behind a core event: like a start record, with the event's message, of `length`
+// bytes; one that does not fit is cut. Returns 0.
+static int32_t segfault_restart(trace_anchor_t *pAnchor, uint64_t length) TR_HOLDS(anchor_set_lock) {
+    constexpr uint32_t HEAD = sizeof(trace_record_start_t); // bytes before the message
+    if (pAnchor->uMaxSize == 0)
+        return 0;
+    const auto recLength =
+        static_cast<uint32_t>(std::min<uint64_t>((length + HEAD + 4) & ~uint64_t{3}, pAnchor->uMaxSize));
+    uint8_t *pRec = allocate_engine_record(pAnchor, recLength);
+    if (pRec == nullptr)
+        return 0;
+    fill_start_record(pRec);
+    char *const pMessage = reinterpret_cast<char *>(pRec + HEAD);
+    *pMessage = '\0'; // the event may have changed since it was measured
+    (void)get_core_message(pAnchor, pMessage, recLength - HEAD);
+    publish_kind(pRec, TR_KIND_CORE_RESTART);
+    return 0;
+}
+
+// Opens the records of this process in the file or page. Returns 0.
+static int32_t int_record_start(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
+    if (is_switched_off() || pAnchor->uMaxSize == 0)
+        return 0;
+    const int64_t coreLength = get_core_message(pAnchor, nullptr, 0);
+    if (coreLength >= 0)
+        return segfault_restart(pAnchor, static_cast<uint64_t>(coreLength));
+    uint8_t *pRec = allocate_engine_record(pAnchor, sizeof(trace_record_start_t));
+    if (pRec == nullptr)
+        return 0;
+    fill_start_record(pRec);
     publish_kind(pRec, TR_KIND_START);
     return 0;
 }
@@ -130,33 +160,21 @@ static void publish_file(trace_anchor_t *pAnchor, const starting_file_t *pFile) 
     pAnchor->device = pFile->device;
     pAnchor->inode = pFile->inode;
     pAnchor->damage = {};
+    pAnchor->bFull = is_page(pAnchor) && record_kind(pAnchor->pNextFree) != TR_KIND_FREE; // to the very end
     publish(&pAnchor->uMaxSize, max_record_size(pFile->uSize));
 }
 
 // Opens, maps and validates. Returns 0 with the file ready to be published, or an error code with nothing kept.
 static int32_t prepare_file(starting_file_t *pFile) TR_HOLDS(global_lock) {
+    log_start_enter(pFile->pAnchor);
     const int32_t rc = open_trace_file(pFile);
-    if (rc != 0)
-        return rc;
-    program_names_t names;
-    find_program_names(&names);
-    settle_contents(pFile, &names);
-    return 0;
-}
-
-// Publishes and writes the start record. Damage that the record meets came from outside since the ring was validated, a
-// moment ago: there is nothing to be kept, and the ring is made anew in place.
-static int32_t finish_start(trace_anchor_t *pAnchor, const starting_file_t *pFile) TR_HOLDS(global_lock)
-    TR_HOLDS(anchor_set_lock) {
-    publish_file(pAnchor, pFile);
-    (void)int_record_start(pAnchor);
-    trace_damage_t damage;
-    if (take_damage(pAnchor, &damage)) {
-        log_damage(&damage);
-        reinit_in_place(pAnchor);
-        (void)int_record_start(pAnchor);
+    if (rc == 0) {
+        program_names_t names;
+        find_program_names(&names);
+        settle_contents(pFile, &names);
     }
-    return pFile->bModeFailed ? TR_RC_MODE : 0;
+    debug_line("<<start_trace exit for %s\n\n", pFile->pAnchor->fileName);
+    return rc;
 }
 
 static starting_file_t new_start(const trace_anchor_t *pAnchor, start_options_t options) {
@@ -167,32 +185,149 @@ static starting_file_t new_start(const trace_anchor_t *pAnchor, start_options_t 
     return file;
 }
 
-int32_t start_trace(trace_anchor_t *pAnchor) {
-    if (observe(&this_is_child) != 0)
-        return 0;
-    log_start_enter(pAnchor);
-    if (pAnchor->pMap != nullptr)
-        return 0;
-    const int cancelState = cancel_disable(); // what is mapped is published
-    starting_file_t file = new_start(pAnchor, {.bQuiet = false, .bReinit = false, .cancelState = cancelState});
-    int32_t rc = prepare_file(&file);
-    if (rc == 0) {
+// How the pages of a set are started: by a control call, which takes the anchor-set lock to publish each, or by a repair,
+// which holds it.
+struct start_of_set_t {
+    start_options_t options;
+    const trace_anchor_t *pReinitPage;
+    bool bHoldsSet;
+    trace_anchor_t *pActive; // where records were written last
+};
+
+TR_UNCHECKED static void lock_for_start(const start_of_set_t *pStart, trace_anchor_t *pAnchor) TR_HOLDS(global_lock)
+    TR_LOCK(anchor_set_lock) {
+    if (!pStart->bHoldsSet)
         lock_anchor_set_under_global(pAnchor);
-        rc = finish_start(pAnchor, &file);
+}
+
+TR_UNCHECKED static void unlock_for_start(const start_of_set_t *pStart, trace_anchor_t *pAnchor) TR_HOLDS(global_lock)
+    TR_UNLOCK(anchor_set_lock) {
+    if (!pStart->bHoldsSet)
         unlock_anchor_set_under_global(pAnchor);
+}
+
+static starting_file_t prepare_start(const start_of_set_t *pStart, const trace_anchor_t *pPage, int32_t *pRc)
+    TR_HOLDS(global_lock) {
+    starting_file_t file = new_start(pPage, pStart->options);
+    file.options.bReinit = pPage == pStart->pReinitPage;
+    *pRc = prepare_file(&file);
+    return file;
+}
+
+// Starts the pages behind the head until one fails. Nothing is recorded in them before the head is published.
+static int32_t start_other_pages(start_of_set_t *pStart, trace_anchor_t *pHead) TR_HOLDS(global_lock) {
+    for (trace_anchor_t *pPage = next_page_of(pHead, pHead); pPage != nullptr; pPage = next_page_of(pHead, pPage)) {
+        int32_t rc = 0;
+        const starting_file_t file = prepare_start(pStart, pPage, &rc);
+        if (rc != 0)
+            return rc;
+        lock_for_start(pStart, pHead);
+        publish_file(pPage, &file);
+        unlock_for_start(pStart, pHead);
+        if (file.bWasActive)
+            pStart->pActive = pPage;
+        if (file.bModeFailed)
+            return TR_RC_MODE;
     }
-    debug_line("<<start_trace exit for %s\n\n", pAnchor->fileName);
+    return 0;
+}
+
+// Exactly one page is the active one.
+static void settle_active_page(trace_anchor_t *pHead, trace_anchor_t *pActive) TR_HOLDS(global_lock)
+    TR_HOLDS(anchor_set_lock) {
+    publish(&pHead->pActivePg, pActive);
+    for (trace_anchor_t *pPage = pHead; pPage != nullptr; pPage = next_page_of(pHead, pPage)) {
+        if (pPage->pMap != nullptr)
+            publish(&header_of(pPage->pMap)->sp_flags, static_cast<uint8_t>(pPage == pActive ? TR_ACTIVE : TR_READY));
+    }
+}
+
+// Writes the start record. Damage that it meets came from outside since the ring was validated, a moment ago: there is
+// nothing to be kept, and the ring is made anew in place.
+static void open_records(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
+    const auto record_start = [&]() TR_HOLDS(anchor_set_lock) {
+        active_page_t target = {.pPage = pAnchor, .uMaxSize = pAnchor->uMaxSize};
+        if (is_page(pAnchor))
+            target = active_page(pAnchor);
+        if (target.uMaxSize != 0)
+            (void)int_record_start(target.pPage);
+    };
+    record_start();
+    trace_damage_t damage;
+    if (take_damage(pAnchor, &damage)) {
+        log_damage(&damage);
+        reinit_in_place(pAnchor);
+        record_start();
+    }
+}
+
+// Starts a plain file or all pages of a set; the head is published last. Also when a page behind it fails, the head
+// records what comes, behind a start record.
+static int32_t start_pages(start_of_set_t *pStart, trace_anchor_t *pHead) TR_HOLDS(global_lock) {
+    int32_t rc = 0;
+    const starting_file_t file = prepare_start(pStart, pHead, &rc);
+    if (rc != 0)
+        return rc;
+    pStart->pActive = pHead;
+    rc = file.bModeFailed ? TR_RC_MODE : start_other_pages(pStart, pHead);
+    lock_for_start(pStart, pHead);
+    publish_file(pHead, &file);
+    if (is_page(pHead))
+        settle_active_page(pHead, pStart->pActive);
+    open_records(pHead);
+    unlock_for_start(pStart, pHead);
+    return rc;
+}
+
+int32_t start_as_set(trace_anchor_t *pAnchor) {
+    if (pAnchor->spool != nullptr && !is_page(pAnchor)) {
+        const int32_t rc = build_page_set(pAnchor);
+        if (rc != 0)
+            return rc;
+    }
+    const int cancelState = cancel_disable(); // what is mapped is published
+    start_of_set_t start = {
+        .options = {.bQuiet = false, .bReinit = false, .bNewPage = false, .cancelState = cancelState},
+        .pReinitPage = nullptr,
+        .bHoldsSet = false,
+        .pActive = nullptr};
+    const int32_t rc = start_pages(&start, pAnchor);
     cancel_restore(cancelState);
     return rc;
 }
 
-int32_t restart_trace(trace_anchor_t *pAnchor, bool bReinit) {
-    log_start_enter(pAnchor);
+int32_t start_trace(trace_anchor_t *pAnchor) {
+    trace_anchor_t *const pHead = set_head(pAnchor);
+    if (observe(&this_is_child) != 0)
+        return 0;
+    if (pHead->pMap != nullptr) {
+        log_start_enter(pHead);
+        return 0;
+    }
+    if (!is_page(pHead) && anchors.pFirstSpoolSpec != nullptr) {
+        const int cancelState = cancel_disable();
+        (void)process_spool_spec(pHead, anchors.pFirstSpoolSpec);
+        cancel_restore(cancelState);
+    }
+    return start_as_set(pHead);
+}
+
+int32_t restart_trace(trace_anchor_t *pAnchor, const trace_anchor_t *pReinitPage) {
+    start_of_set_t start = {
+        .options = {.bQuiet = true, .bReinit = false, .bNewPage = false, .cancelState = PTHREAD_CANCEL_DISABLE},
+        .pReinitPage = pReinitPage,
+        .bHoldsSet = true,
+        .pActive = nullptr};
+    return start_pages(&start, pAnchor);
+}
+
+void start_new_page(trace_anchor_t *pPage) {
     starting_file_t file =
-        new_start(pAnchor, {.bQuiet = true, .bReinit = bReinit, .cancelState = PTHREAD_CANCEL_DISABLE});
-    int32_t rc = prepare_file(&file);
-    if (rc == 0)
-        rc = finish_start(pAnchor, &file);
-    debug_line("<<start_trace exit for %s\n\n", pAnchor->fileName);
-    return rc;
+        new_start(pPage, {.bQuiet = true, .bReinit = false, .bNewPage = true, .cancelState = PTHREAD_CANCEL_DISABLE});
+    if (prepare_file(&file) != 0)
+        return;
+    lock_anchor_set_under_global(pPage);
+    publish_file(pPage, &file);
+    publish(&header_of(pPage->pMap)->sp_flags, static_cast<uint8_t>(TR_READY));
+    unlock_anchor_set_under_global(pPage);
 }

@@ -14,6 +14,7 @@
 struct start_options_t {
     bool bQuiet;     // restart by a recorder: leave the error object alone
     bool bReinit;    // do not look at what the file holds
+    bool bNewPage;   // of a ring that grows: never the active page, whatever its file says
     int cancelState; // the caller's, in force while the file is opened and sized; off during the rest
 };
 
@@ -27,6 +28,7 @@ struct starting_file_t {
     uint8_t *pMap;  // null: not mapped
     bool bReinit;   // the contents are not to be re-used
     bool bModeFailed;
+    bool bWasActive; // a page to which records were written last
     // Where writing goes on, once the contents are validated or made anew; offsets from the start of the file.
     uint32_t seqNumber;
     uint32_t nextFreeOffset;
@@ -59,7 +61,19 @@ inline uint32_t max_record_size(uint64_t uFileSize) {
 // Lays one free record over the whole data area.
 void reset_ring(uint8_t *pMap, uint64_t uSize);
 
-// Starts an anchor again that was stopped under the same locks. Leaves the error object alone. Cancellation is off.
-int32_t restart_trace(trace_anchor_t *pAnchor, bool bReinit) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock);
+// Starts a file or the head of a page set again that was stopped under the same locks. Leaves the error object alone.
+// Cancellation is off.
+//
+// pReinitPage  the file or page whose contents are not looked at, or null
+int32_t restart_trace(trace_anchor_t *pAnchor, const trace_anchor_t *pReinitPage) TR_HOLDS(global_lock)
+    TR_HOLDS(anchor_set_lock);
+
+// Starts a page that joined a set but is not in its ring yet; its result is of no consequence, an unmapped page is passed
+// over.
+void start_new_page(trace_anchor_t *pPage) TR_HOLDS(global_lock);
+
+// The one that start_trace() calls, also for a file that is stopped and becomes a page set in one step, behind hold_set():
+// as build_page_set() and start_trace() in one, but without asking for an entry.
+int32_t start_as_set(trace_anchor_t *pAnchor) TR_HOLDS(global_lock);
 
 #endif

@@ -9,18 +9,15 @@
 #include "cu/kz_cu.h"
 #include "trace/control/control.h"
 #include "trace/engine/engine.h"
+#include "trace/engine/page_set.h"
 #include "trace/engine/stopping.h"
 #include "trace/frame/frame.h"
 #include "trace/publish.h"
+#include "trace/spool/spool.h"
 
 constexpr time_t TR_STOP_LIMIT_S = 1; // for all anchor-set locks together, at termination
 
 int32_t this_is_child = 0;
-
-// The page that follows in the anchor's ring, or null when the round is made.
-static trace_anchor_t *next_page_of(const trace_anchor_t *pAnchor, const trace_anchor_t *pPage) TR_HOLDS(global_lock) {
-    return pPage->nextPage == pAnchor ? nullptr : pPage->nextPage;
-}
 
 // ---- Flush ----
 
@@ -92,20 +89,50 @@ void stop_trace_page(trace_anchor_t *pAnchor, int32_t child) {
     publish(&pAnchor->uMaxSize, uint32_t{0});
     pAnchor->uActualFileSize = 0;
     pAnchor->damage = {};
+    pAnchor->bFull = false;
     debug_line("stop_trace_page leaving for %s", pAnchor->fileName);
 }
 
-static void stop_all_pages(trace_anchor_t *pAnchor, int32_t child) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
-    debug_line("*** stop_trace for %s", pAnchor->fileName);
-    for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
+// The pages of a ring leave the queue before they are unmapped; retired pages are not waited for.
+static void stop_ring(trace_anchor_t *pHead, int32_t child) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock)
+    TR_HOLDS(queue_lock) {
+    for (trace_anchor_t *pPage = pHead; pPage != nullptr; pPage = next_page_of(pHead, pPage)) {
+        spool_remove_page_inside_spq(&spq, pPage);
         stop_trace_page(pPage, child);
+    }
+    publish(&pHead->pActivePg, pHead);
+    while (trace_anchor_t *const pRetired = pHead->p_obsolete_pages) {
+        pHead->p_obsolete_pages = pRetired->nextPage;
+        let_page_go(pRetired, child);
+    }
+    pHead->p_obsolete_pages_tail = nullptr;
+}
+
+void let_page_go(trace_anchor_t *pPage, int32_t child) {
+    spool_remove_page_inside_spq(&spq, pPage);
+    stop_trace_page(pPage, child);
+    release_page(pPage);
+}
+
+void stop_pages(trace_anchor_t *pAnchor, int32_t child) {
+    debug_line("*** stop_trace for %s", pAnchor->fileName);
+    if (!is_page(pAnchor) ||
+        observe(&this_is_child) != 0) { // in a child nobody copies, and the queue may be locked for good
+        for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
+            stop_trace_page(pPage, child);
+        return;
+    }
+    lock_queue(&spq);
+    stop_ring(pAnchor, child);
+    unlock_queue(&spq);
 }
 
 int32_t stop_trace(trace_anchor_t *pAnchor, int32_t child) {
+    trace_anchor_t *const pHead = set_head(pAnchor);
     const int cancelState = cancel_disable();
-    lock_anchor_set_under_global(pAnchor);
-    stop_all_pages(pAnchor, child);
-    unlock_anchor_set_under_global(pAnchor);
+    lock_anchor_set_under_global(pHead);
+    stop_pages(pHead, child);
+    unlock_anchor_set_under_global(pHead);
     cancel_restore(cancelState);
     return 0;
 }
@@ -119,15 +146,33 @@ void stop_unwanted_traces() {
 
 // ---- The end of the process ----
 
-// Stops the anchor's files and empties the anchor. What a recorder does not let go in time stays mapped and is flushed.
+// Stops a plain file or a page set. Returns whether a recorder or a copy let go of it in time.
+static bool stop_pages_until(trace_anchor_t *pAnchor, const timespec *pDeadline) TR_HOLDS(global_lock) {
+    if (lock_anchor_set_until(pAnchor, pDeadline) != 0)
+        return false;
+    bool bStopped = true;
+    if (!is_page(pAnchor)) {
+        stop_pages(pAnchor, 0);
+    } else if (lock_queue_until(&spq, pDeadline) == 0) {
+        stop_ring(pAnchor, 0);
+        unlock_queue(&spq);
+    } else {
+        bStopped = false;
+    }
+    unlock_anchor_set_under_global(pAnchor);
+    return bStopped;
+}
+
+// Stops the anchor's files and empties the anchor. What is not let go in time stays mapped and is flushed.
 static void tr_term_file_anchor(trace_anchor_t *pAnchor, const timespec *pDeadline) TR_HOLDS(global_lock) {
-    if (lock_anchor_set_until(pAnchor, pDeadline) == 0) {
-        stop_all_pages(pAnchor, 0);
+    trace_anchor_t *const pHead = set_head(pAnchor);
+    if (stop_pages_until(pHead, pDeadline)) {
+        dissolve_page_set(pHead);
+        lock_anchor_set_under_global(pAnchor);
         pAnchor->fileName[0] = '\0';
         unlock_anchor_set_under_global(pAnchor);
     } else {
-        for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
-            (void)flush_page(pPage, MS_SYNC, true);
+        (void)flush_anchor(pHead, true, MS_SYNC, true);
     }
     release_control_lists(pAnchor);
     pAnchor->bInitialized = 0;

@@ -69,8 +69,10 @@ template <typename Write> inline int32_t record_in_frame(trace_anchor_t *pAnchor
         return lockError == EAGAIN ? TR_RECORDED : TR_RC_LOCK; // not initialised: the record is dropped
     bool bRepair = false;
     trace_damage_t damage;
-    const uint32_t uMaxSize = pAnchor->uMaxSize; // 0: stopped meanwhile, the record is dropped
-    int32_t rc = uMaxSize != 0 ? write(pAnchor, uMaxSize) : TR_RECORDED;
+    active_page_t target = {.pPage = pAnchor, .uMaxSize = pAnchor->uMaxSize}; // 0: stopped meanwhile, or never started
+    if (pAnchor->ppActivePg != nullptr && target.uMaxSize != 0) [[unlikely]]
+        target = active_page(pAnchor);
+    int32_t rc = target.uMaxSize != 0 ? write(target.pPage, target.uMaxSize) : TR_RECORDED;
     if (rc == TR_NOT_RESERVED) [[unlikely]] {
         rc = TR_RECORDED;
         bRepair = take_damage(pAnchor, &damage);

@@ -90,15 +90,11 @@ extern int32_t is_spool_running;
 
 // ---- The core event (core_event.cpp) ----
 
-constexpr uint32_t TR_CORE_MESSAGE_SIZE = 1024;
-
-// Copies out the message of the core event, when one is set for a file of that name.
+// Copies out the message of the core event, when one is set for this file, by the name of the page or of its set.
 //
-// pFileName  name of the file or page that is started
-// pBaseName  its page set's base name, or null
-// pMessage   room for `size` bytes; a longer message is cut
+// pMessage  room for `size` bytes; a longer message is cut. May be null when size is 0
 //
-// Returns whether there is one. Takes a leaf lock of its own.
-bool get_core_message(const char *pFileName, const char *pBaseName, char *pMessage, size_t size);
+// Returns the length of the whole message, or -1 when there is none. Takes a leaf lock of its own.
+int64_t get_core_message(const trace_anchor_t *pAnchor, char *pMessage, size_t size) TR_HOLDS(anchor_set_lock);
 
 #endif

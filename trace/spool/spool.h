@@ -73,8 +73,11 @@ trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anch
 // Takes every element of a page off the queue and frees it. For pages that are about to be unmapped, freed or reused.
 void spool_remove_page_inside_spq(sp_q_t *pQueue, const trace_anchor_t *pPage) TR_HOLDS(queue_lock);
 
+// Takes the oldest element off, for the caller to free; null when the queue is empty.
+extern "C" sp_q_element_t *spool_dequeue_last_element_inside_spq(sp_q_t *pQueue) TR_HOLDS(queue_lock);
+
 // Decides, in one hold of the queue lock, whether a page may be reused without loss, and takes its elements off.
-// Returns the state that the page had: TR_READY, or another when its copy has not been made.
+// Returns the state that the page had: TR_READY, or another when its copy has not been made. Cancellation is off.
 uint8_t spool_take_back(sp_q_t *pQueue, trace_anchor_t *pPage) TR_EXCLUDES(queue_lock);
 
 // ---- The copy thread (thread.cpp) ----

@@ -135,35 +135,37 @@ trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anch
 
 // ---- Out ----
 
-static void unlink_element(sp_q_t *pQueue, sp_q_element_t *pElem) TR_HOLDS(queue_lock) {
+// Takes off the element that `*ppLink` leads to: `pFirst`, or the `pNext` of the element before it.
+static sp_q_element_t *unlink_element(sp_q_t *pQueue, sp_q_element_t **ppLink) TR_HOLDS(queue_lock) {
+    sp_q_element_t *const pElem = *ppLink;
     show_place(pElem);
-    (pElem->pPrev != nullptr ? pElem->pPrev->pNext : pQueue->pFirst) = pElem->pNext;
+    *ppLink = pElem->pNext;
     (pElem->pNext != nullptr ? pElem->pNext->pPrev : pQueue->pLast) = pElem->pPrev;
     pElem->pNext = pElem->pPrev = nullptr;
     pQueue->cnt--;
+    return pElem;
 }
 
 sp_q_element_t *spool_dequeue_last_element_inside_spq(sp_q_t *pQueue) {
-    sp_q_element_t *const pElem = pQueue->pLast;
-    if (pElem == nullptr)
+    const sp_q_element_t *const pOldest = pQueue->pLast;
+    if (pOldest == nullptr)
         return nullptr;
-    if (pElem->pAnchor != nullptr)
+    if (pOldest->pAnchor != nullptr)
         debug_line("%s removing from queue (trace file) (spool_dequeue_last_element_inside_spq)\n",
-                   pElem->pAnchor->fileName);
-    unlink_element(pQueue, pElem);
-    return pElem;
+                   pOldest->pAnchor->fileName);
+    return unlink_element(pQueue, pOldest->pPrev != nullptr ? &pOldest->pPrev->pNext : &pQueue->pFirst);
 }
 
 void spool_remove_page_inside_spq(sp_q_t *pQueue, const trace_anchor_t *pPage) {
     debug_line("spool_dequeue_element (%s)\n", pPage->fileName);
     show_queued_pages(pQueue, "spool_dequeue_element before", show_name_and_state);
-    for (sp_q_element_t *pElem = pQueue->pFirst, *pOlder = nullptr; pElem != nullptr; pElem = pOlder) {
-        pOlder = pElem->pNext;
-        if (pElem->pAnchor != pPage)
+    for (sp_q_element_t **ppLink = &pQueue->pFirst; *ppLink != nullptr;) {
+        if ((*ppLink)->pAnchor != pPage) {
+            ppLink = &(*ppLink)->pNext;
             continue;
+        }
         debug_line("%s removing from queue (trace file) (spool_dequeue_element)\n", pPage->fileName);
-        unlink_element(pQueue, pElem);
-        free(pElem);
+        free(unlink_element(pQueue, ppLink));
     }
     show_queued_pages(pQueue, "spool_dequeue_element after", show_name);
 }

@@ -72,6 +72,8 @@ typedef struct tr_mini_component_anchor_t {
 } tr_mini_component_anchor_t;
 
 struct cu_error_t; /* kz_cu.h */
+struct sp_q_t;     /* the library's own: the queue of copies and its elements */
+struct sp_q_element_t;
 
 /* Functions that the library hands to libkz_cu, so that it can flush and record traces without being linked to it. */
 typedef int32_t (*tr_flush_func_t)(void);
@@ -358,6 +360,62 @@ KZ_TR_API int32_t tr_query_pid_1(tr_query_handle_t handle, pid_t *pid_p);
 KZ_TR_API int32_t tr_query_prog_1(tr_query_handle_t handle, char **program_name_p);
 /* Tells the platform code of the machine that wrote the file: 2 for this library. */
 KZ_TR_API int32_t tr_query_platform_1(tr_query_handle_t handle, uint32_t *platform_p);
+
+/* ---- Spooling: copies of full pages and of other files ----
+ *
+ * One thread of the library makes all copies, in the order in which they were queued. It is started by the first trace
+ * file that an entry of the spooling configuration governs, and by the first two functions here. It blocks SIGALRM,
+ * SIGTERM and SIGCHLD, and ends when tracing is stopped for the process: what is queued then is not copied. */
+
+/* Has a file copied into a directory, under its own name followed by the local time: "core" becomes
+ * "core.2026_11_16_21_57_03.42", with the year of the week calendar and the microseconds at the end. Does not wait for
+ * the copy; a failed one leaves no file and is not tried again.
+ *
+ * dest       the directory; "/dev/null": nothing is copied, which counts as a success. The text stays valid and unchanged
+ *            until the copy is made
+ * file_name  a regular file; copied into the request
+ * del        1: the file is removed once it is copied
+ *
+ * Returns 0, also when memory is short (the thread's error is 14 then and nothing is queued) and in the child of a fork
+ * (nothing is copied there); 1 when an argument is NULL or, with error 17, when file_name is longer than 4,095
+ * characters. May wait for the copy of a page. */
+KZ_TR_API int32_t tr_copy_file_1(const char *dest, const char *file_name, int32_t del);
+
+/* Has the library's thread read the configuration file again, as if it had changed; no effect without that file. Does
+ * not wait for it, and for a copy in progress for 50 ms at most. */
+KZ_TR_API void tr_configure_1(void);
+
+/* Names an event that the start record of a trace file is to tell, as when a core file was found: whenever that file is
+ * started from now on, its first record carries the message. Replaces the event set before.
+ *
+ * trc_file  name of the trace file, as it was named or with its page number; copied
+ * message   text; copied, cut to 1,023 characters. When either is NULL there is no event any more
+ *
+ * Returns 0. */
+KZ_TR_API int32_t tr_core_event_1(const char *trc_file, const char *message);
+
+/* One trace file of a spooling report. */
+typedef struct tr_mini_spooling_anchor_t {
+    char fileName[4096]; /* name; of a file that is kept in pages its first page and "(N pages)" */
+    char dest[4096];     /* spool directory, "/dev/null" when pages are copied nowhere, or "spooling not enabled" */
+} tr_mini_spooling_anchor_t;
+
+/* Hands out a snapshot of all trace files, started or not, sorted by name. The default trace file is always among them,
+ * though its name may be empty.
+ *
+ * cnt  receives the number of entries
+ * spa  receives an array of so many, to be given back to tr_release_spool_info_1
+ *
+ * Returns 0; -1 when memory is short, a lock failed or an argument is NULL, without a message and with NULL in *spa.
+ * Takes the global lock. */
+KZ_TR_API int32_t tr_get_current_spooling_status_1(int32_t *cnt, tr_mini_spooling_anchor_t **spa);
+
+/* Gives back a snapshot. NULL does nothing; the count plays no part. */
+KZ_TR_API void tr_release_spool_info_1(int32_t cnt, tr_mini_spooling_anchor_t *spa);
+
+/* Takes the oldest element off a queue whose lock the caller holds. Returns it, to be given to free(), or NULL when the
+ * queue is empty. For extensions that know the private structures. */
+KZ_TR_API struct sp_q_element_t *spool_dequeue_last_element_inside_spq(struct sp_q_t *pQueue);
 
 /* ---- Flush and stop ---- */
 

@@ -67,6 +67,10 @@ int32_t stop_trace(trace_anchor_t *pAnchor, int32_t child) TR_HOLDS(global_lock)
 // Stops every started anchor that has nothing to record any more.
 void stop_unwanted_traces() TR_HOLDS(global_lock);
 
+// For the copy thread: has every mapped file and page written to its disk, and does not wait for it. Does nothing when
+// tracing is stopped or the library is not initialised.
+void flush_started_files();
+
 // Installs the fork handler that switches tracing off in a child.
 void register_atfork();
 

@@ -3,12 +3,10 @@
 // A file is extended by writing, so that its blocks are there: a mapping of a hole would die of a full disk later.
 #include <fcntl.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
 #include <sys/statvfs.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +16,7 @@
 #include "trace/engine/engine.h"
 #include "trace/engine/page_set.h"
 #include "trace/engine/starting.h"
+#include "trace/frame/files.h"
 #include "trace/frame/frame.h"
 #include "trace/publish.h"
 
@@ -26,7 +25,6 @@ constexpr mode_t TR_GROUP_MODE = 0660; // once the file belongs to the administr
 constexpr mode_t TR_MODE_BITS = 07777;
 constexpr size_t TR_EXTEND_PIECE = 512;        // bytes a write
 constexpr uint64_t TR_MAX_MAPPED = 0xFFFFFFFF; // bytes: offsets are 32 bits wide
-constexpr int TR_FIRST_OWN_FD = 3;             // a trace file never takes the place of a standard stream
 
 static uint64_t round_up(uint64_t value, uint64_t unit) {
     return (value + unit - 1) / unit * unit;
@@ -41,35 +39,11 @@ static void cancel_start_trace(void *pArg) {
         close(fd);
 }
 
-// Leaves errno as it is.
-static void close_keeping_errno(int *pFd) {
-    const int error = errno;
-    close(*pFd);
-    *pFd = -1;
-    errno = error;
-}
-
-// Moves a descriptor past the standard streams. Returns -1 with errno set, nothing left open, when there is no other.
-static int move_past_streams(int fd) {
-    if (fd >= TR_FIRST_OWN_FD)
-        return fd;
-    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, TR_FIRST_OWN_FD);
-    close_keeping_errno(&fd);
-    return moved;
-}
-
 static int32_t open_file(starting_file_t *pFile) {
-    const char *pName = pFile->pAnchor->fileName;
-    int fd = -1;
     (void)cancel_disable(); // it could act with the descriptor made and not yet where its clean-up looks
-    do                      // never hangs on a FIFO, never becomes the terminal of a daemon
-        fd = open(pName, O_RDWR | O_CREAT | O_NONBLOCK | O_NOCTTY | O_CLOEXEC, TR_FILE_MODE);
-    while (fd == -1 && errno == EINTR);
-    if (fd != -1)
-        fd = move_past_streams(fd);
-    pFile->fd = fd;
+    pFile->fd = open_own_file(pFile->pAnchor->fileName, O_RDWR | O_CREAT, TR_FILE_MODE);
     cancel_restore(pFile->options.cancelState);
-    if (fd != -1)
+    if (pFile->fd != -1)
         return 0;
     switch (errno) {
     case EFAULT:
@@ -136,46 +110,13 @@ static int write_pieces(int fd, uint64_t numMissing) {
     uint8_t piece[TR_EXTEND_PIECE];
     for (size_t i = 0; i < sizeof piece; i++)
         piece[i] = static_cast<uint8_t>(i); // 0 to 255, twice over
-    size_t numLeft = 0;                     // of the present piece
-    while (numMissing > 0) {
-        if (numLeft == 0)
-            numLeft = static_cast<size_t>(std::min<uint64_t>(numMissing, sizeof piece));
-        const ssize_t numWritten = write(fd, piece, numLeft);
-        if (numWritten == -1) {
-            if (errno == EINTR)
-                continue;
-            return errno;
-        }
-        numLeft -= static_cast<size_t>(numWritten);
-        numMissing -= static_cast<uint64_t>(numWritten);
+    int error = 0;
+    while (numMissing > 0 && error == 0) {
+        size_t numWritten = 0;
+        error = write_all(fd, piece, static_cast<size_t>(std::min<uint64_t>(numMissing, sizeof piece)), &numWritten);
+        numMissing -= numWritten;
     }
-    return 0;
-}
-
-// A write beyond the process's file size limit raises a signal that would end it: it is held back meanwhile, and taken
-// off again. The state also serves as the undo of a cancelled start.
-struct held_signal_t {
-    sigset_t set, before;
-    bool bWasPending;
-};
-
-static void hold_size_signal(held_signal_t *pHeld) {
-    sigset_t pending;
-    sigemptyset(&pHeld->set);
-    sigaddset(&pHeld->set, SIGXFSZ);
-    sigpending(&pending);
-    pHeld->bWasPending = sigismember(&pending, SIGXFSZ) == 1;
-    (void)pthread_sigmask(SIG_BLOCK, &pHeld->set, &pHeld->before);
-}
-
-static void release_size_signal(void *pArg) {
-    const auto *pHeld = static_cast<held_signal_t *>(pArg);
-    const timespec noWait = {};
-    const int cancelState = cancel_disable();
-    if (!pHeld->bWasPending)
-        (void)sigtimedwait(&pHeld->set, nullptr, &noWait);
-    (void)pthread_sigmask(SIG_SETMASK, &pHeld->before, nullptr);
-    cancel_restore(cancelState);
+    return error;
 }
 
 static int extend_file(int fd, uint64_t numMissing) {

@@ -17,7 +17,7 @@
 constexpr uint32_t TR_MAX_PAGES = 65536; // of one set: a build of more fails like one without memory
 
 // The head of the page set that the anchor belongs to, else the anchor itself.
-inline trace_anchor_t *set_head(trace_anchor_t *pAnchor) {
+template <typename Anchor> Anchor *set_head(Anchor *pAnchor) {
     return pAnchor->p_head_spool_anchor != nullptr ? pAnchor->p_head_spool_anchor : pAnchor;
 }
 

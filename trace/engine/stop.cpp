@@ -43,7 +43,7 @@ static int32_t flush_anchor(trace_anchor_t *pAnchor, bool bAllPages, int msyncFl
 }
 
 static int32_t flush_all(bool bAllPages, int msyncFlags, bool bIgnoreError) TR_HOLDS(global_lock) {
-    int32_t rc = init_if_needed();
+    int32_t rc = 0;
     for (trace_anchor_t *pAnchor = &anchors; rc == 0 && pAnchor != nullptr; pAnchor = observe(&pAnchor->next)) {
         rc = flush_anchor(pAnchor, bAllPages, msyncFlags, bIgnoreError);
         if (is_switched_off())
@@ -52,19 +52,33 @@ static int32_t flush_all(bool bAllPages, int msyncFlags, bool bIgnoreError) TR_H
     return rc;
 }
 
-int32_t msync_trace_pages(int32_t incl_all_pages, int32_t msync_flags, int32_t ignore_error) {
-    debug_line("msync_trace_pages (incl_all_pages=%d flags=%d, ignore=%d) Entered\n", incl_all_pages, msync_flags,
-               ignore_error);
+// `bInitialise`: the library is initialised if need be; otherwise there is nothing to flush then.
+static int32_t flush_pages(int32_t inclAllPages, int msyncFlags, int32_t ignoreError, bool bInitialise) {
+    debug_line("msync_trace_pages (incl_all_pages=%d flags=%d, ignore=%d) Entered\n", inclAllPages, msyncFlags,
+               ignoreError);
     const int lockError = lockGlobalMutex();
     if (lockError != 0)
         return set_error_int(TR_RC_LOCK, TR_RC_LOCK, lockError);
     int32_t rc = 0;
     pthread_cleanup_push(mutex_cleanup, &anchors.anchorMutex);
-    rc = flush_all(incl_all_pages != 0, msync_flags, ignore_error != 0);
+    if (bInitialise)
+        rc = init_if_needed();
+    if (rc == 0 && anchors.bInitialized != 0)
+        rc = flush_all(inclAllPages != 0, msyncFlags, ignoreError != 0);
     pthread_cleanup_pop(0);
     (void)unlockGlobalMutex();
     debug_line("msync_trace_pages() Leaving\n");
     return rc != 0 ? rc : cu_set_no_error_1();
+}
+
+int32_t msync_trace_pages(int32_t incl_all_pages, int32_t msync_flags, int32_t ignore_error) {
+    return flush_pages(incl_all_pages, msync_flags, ignore_error, true);
+}
+
+// A termination may come at any moment: the copy thread must not initialise the library after it.
+void flush_started_files() {
+    if (!is_switched_off())
+        (void)flush_pages(1, MS_ASYNC, 1, false);
 }
 
 int32_t tr_flush_1(void) {
@@ -184,6 +198,7 @@ void tr_term(void) {
     if (observe(&this_is_child) != 0 || (owner != 0 && owner != getpid()))
         return; // a child never touches what it inherited
     const int cancelState = cancel_disable();
+    wait_for_copy_thread();
     if (lock_global_mutex_at_exit() == 0) {
         timespec deadline;
         clock_gettime(CLOCK_REALTIME, &deadline);

@@ -32,13 +32,12 @@ static configuration_action_t do_determine_configuration_action_from_the_configu
     return RECONFIGURE;
 }
 
+// Reaches no cancellation point while the mutex is held. In the child of a fork its holder may not exist any more.
 configuration_action_t determine_configuration_action_from_the_configuration_file() {
-    if (pthread_mutex_lock(&configuration_file_last_modified_mutex) != 0)
+    if (observe(&this_is_child) != 0 || pthread_mutex_lock(&configuration_file_last_modified_mutex) != 0)
         return TAKE_NO_ACTION;
-    configuration_action_t action = TAKE_NO_ACTION;
-    pthread_cleanup_push(mutex_cleanup, &configuration_file_last_modified_mutex);
-    action = do_determine_configuration_action_from_the_configuration_file();
-    pthread_cleanup_pop(1);
+    const configuration_action_t action = do_determine_configuration_action_from_the_configuration_file();
+    (void)pthread_mutex_unlock(&configuration_file_last_modified_mutex);
     return action;
 }
 

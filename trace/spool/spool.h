@@ -73,19 +73,29 @@ trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anch
 // Takes every element of a page off the queue and frees it. For pages that are about to be unmapped, freed or reused.
 void spool_remove_page_inside_spq(sp_q_t *pQueue, const trace_anchor_t *pPage) TR_HOLDS(queue_lock);
 
+// Takes the oldest element off, for the caller to free; null when the queue is empty. Declared once more than for
+// programs: with the lock that it needs.
+// NOLINTNEXTLINE(readability-redundant-declaration)
+extern "C" sp_q_element_t *spool_dequeue_last_element_inside_spq(sp_q_t *pQueue) TR_HOLDS(queue_lock);
+
 // Decides, in one hold of the queue lock, whether a page may be reused without loss, and takes its elements off.
-// Returns the state that the page had: TR_READY, or another when its copy has not been made.
+// Returns the state that the page had: TR_READY, or another when its copy has not been made. Cancellation is off.
 uint8_t spool_take_back(sp_q_t *pQueue, trace_anchor_t *pPage) TR_EXCLUDES(queue_lock);
 
 // ---- The copy thread (thread.cpp) ----
 
-// Starts the copy thread, once per process.
+// Starts the copy thread, once per process. Where that fails nothing is ever copied. Not a cancellation point.
 void start_copy_thread_once();
 
-// At termination: wakes the copy thread and waits until it has ended, 2 s at most.
+// Has the copy thread look at the configuration file before it sleeps again. Waits for 50 ms at most. Cancellation is
+// off.
+void ask_for_configuration() TR_EXCLUDES(queue_lock);
+
+// At termination, with the stop switch set: wakes the copy thread and waits until it has ended, 2 s at most. A copy in
+// progress is finished first, a hung one is not waited for longer. Cancellation is off.
 void wait_for_copy_thread();
 
-// 1 while the copy thread runs. Read without a lock.
+// 1 while the copy thread runs: written by it alone, cleared as the last thing it does. Read without a lock.
 extern int32_t is_spool_running;
 
 // ---- The core event (core_event.cpp) ----

@@ -359,6 +359,30 @@ KZ_TR_API int32_t tr_query_prog_1(tr_query_handle_t handle, char **program_name_
 /* Tells the platform code of the machine that wrote the file: 2 for this library. */
 KZ_TR_API int32_t tr_query_platform_1(tr_query_handle_t handle, uint32_t *platform_p);
 
+/* ---- Spool directories: where copies of full trace pages go ---- */
+
+/* Tells into which directory the pages of a trace file are copied, and makes that directory when it is not there yet.
+ *
+ * trc_file  name of a trace file or of one of its pages ("FILE.3.sp"); it need not exist. NULL: there is no such file
+ *
+ * The directory is DESTINATION/CLUSTER/CLUSTER-ID/HOST/NODE-ID/PROGRAM, with the destination of the first spooling entry
+ * that governs the file. Reads the spooling configuration when that has not been done yet, but does not initialise the
+ * library otherwise. What has to be made gets mode 0700 less the file mode creation mask.
+ *
+ * Returns the directory: a text that belongs to the library, valid until the spooling configuration changes. NULL when no
+ * entry governs the file, its entry is off or copies nowhere, the directory cannot be made or used (the entry is off from
+ * then on), or the lock failed, as it may in the child of a fork. Sets no error message, except 14 when memory is short in
+ * the first reading. Takes the global lock: waits for registrations. */
+KZ_TR_API char *tr_get_spool_dir_1(const char *trc_file);
+
+/* Makes sure that a directory can be written to: creates it, with mode 0700 less the file mode creation mask, when there
+ * is nothing of that name. What is there is never changed.
+ *
+ * dir  path of the directory; the one above it has to exist. NULL: fails
+ *
+ * Returns 0 when it is a directory that this process may write to; otherwise not 0. Takes no lock. */
+KZ_TR_API int32_t subdir(const char *dir);
+
 /* ---- Flush and stop ---- */
 
 /* Writes every started trace file to its disk and waits for it. Initialises the library.

@@ -389,7 +389,7 @@ KZ_TR_API void tr_configure_1(void);
  * started from now on, its first record carries the message. Replaces the event set before.
  *
  * trc_file  name of the trace file, as it was named or with its page number; copied
- * message   text; copied, cut to 1,023 characters. When either is NULL there is no event any more
+ * message   text; copied. Cut to what the file accepts as one record. When either is NULL there is no event any more
  *
  * Returns 0. */
 KZ_TR_API int32_t tr_core_event_1(const char *trc_file, const char *message);
@@ -416,6 +416,30 @@ KZ_TR_API void tr_release_spool_info_1(int32_t cnt, tr_mini_spooling_anchor_t *s
 /* Takes the oldest element off a queue whose lock the caller holds. Returns it, to be given to free(), or NULL when the
  * queue is empty. For extensions that know the private structures. */
 KZ_TR_API struct sp_q_element_t *spool_dequeue_last_element_inside_spq(struct sp_q_t *pQueue);
+
+/* ---- Spool directories: where copies of full trace pages go ---- */
+
+/* Tells into which directory the pages of a trace file are copied, and makes that directory when it is not there yet.
+ *
+ * trc_file  name of a trace file or of one of its pages ("FILE.3.sp"); it need not exist. NULL: there is no such file
+ *
+ * The directory is DESTINATION/CLUSTER/CLUSTER-ID/HOST/NODE-ID/PROGRAM, with the destination of the first spooling entry
+ * that governs the file. Reads the spooling configuration when that has not been done yet, but does not initialise the
+ * library otherwise. What has to be made gets mode 0700 less the file mode creation mask.
+ *
+ * Returns the directory: a text that belongs to the library, valid until the spooling configuration changes. NULL when no
+ * entry governs the file, its entry is off or copies nowhere, the directory cannot be made or used (the entry is off from
+ * then on), or the lock failed, as it may in the child of a fork. Sets no error message, except 14 when memory is short in
+ * the first reading. Takes the global lock: waits for registrations. */
+KZ_TR_API char *tr_get_spool_dir_1(const char *trc_file);
+
+/* Makes sure that a directory can be written to: creates it, with mode 0700 less the file mode creation mask, when there
+ * is nothing of that name. What is there is never changed.
+ *
+ * dir  path of the directory; the one above it has to exist. NULL: fails
+ *
+ * Returns 0 when it is a directory that this process may write to; otherwise not 0. Takes no lock. */
+KZ_TR_API int32_t subdir(const char *dir);
 
 /* ---- Flush and stop ---- */
 

@@ -61,7 +61,7 @@ static long file_size(const char *pName) {
     return size;
 }
 
-/* KZ_TR_FILENAME names the trace file. */
+/* KZ_TR_FILENAME names the trace file, and KZ_TR_SPOOL has an entry for "/spooled". */
 int main(void) {
     static tr_detail_level_t levels[2];
     static const tr_category_description_t categories[2] = {{0, "io", 3, 1}, {1, "net", 3, 0}};
@@ -92,6 +92,9 @@ int main(void) {
     expect("uint64", tr_record_uint64_1("ABCD", 14, UINT64_MAX), 0);
     expect("uint64, two", tr_record_uint64_2_1("ABCD", 15, 0, UINT64_MAX), 0);
 
+    expect("spool directory", tr_get_spool_dir_1("/spooled") != NULL, 1);
+    expect("no spool directory", tr_get_spool_dir_1("/other") != NULL, 0);
+    expect("directory", subdir("."), 0);
     expect("flush", tr_flush_1(), 0);
     expect("function table", _trp_funcs.p_tr_flush != NULL, 1);
     expect("unregister", tr_unregister_component_1("EFGH"), 0);

@@ -130,10 +130,8 @@ void let_page_go(trace_anchor_t *pPage, int32_t child) {
 
 void stop_pages(trace_anchor_t *pAnchor, int32_t child) {
     debug_line("*** stop_trace for %s", pAnchor->fileName);
-    if (!is_page(pAnchor) ||
-        observe(&this_is_child) != 0) { // in a child nobody copies, and the queue may be locked for good
-        for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
-            stop_trace_page(pPage, child);
+    if (!is_page(pAnchor)) {
+        stop_trace_page(pAnchor, child);
         return;
     }
     lock_queue(&spq);

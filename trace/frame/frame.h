@@ -123,6 +123,14 @@ inline bool is_switched_off() {
 // ppStop  receives the first character that does not belong to the number; pText when there is none
 uint64_t read_number(const char *pText, const char **ppStop);
 
+// Reads a signed decimal number: white space, a sign, digits; saturates at 2^31 - 1 on either side. Otherwise the same.
+int32_t read_decimal(const char *pText, const char **ppStop);
+
+// White space; the same in every locale.
+inline bool is_space(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
 // ---- Initialisation ----
 
 // Reads the environment into the default anchor, when that has not been done since the start or the last termination.

@@ -15,6 +15,7 @@
 #include "trace/engine/set_lock.h"
 #include "trace/frame/frame.h"
 #include "trace/publish.h"
+#include "trace/spool/spool.h"
 
 int32_t global_switch = 0;
 
@@ -82,6 +83,8 @@ static int32_t init(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
         initAnchor(pAnchor);
     (void)pthread_once(&register_once, register_atfork);
     read_environment(pAnchor);
+    read_spool_cfg_once();
+    (void)determine_configuration_action_from_the_configuration_file(); // what was read counts as taken up
     publish(&init_pid, getpid());
     (void)atexit(tr_term);
     cu_trp_register(&_trp_funcs);

@@ -1,9 +1,7 @@
-// The one converter of numbers in texts.
-#include "trace/frame/frame.h"
+// The converters of numbers in texts.
+#include <algorithm>
 
-static bool is_space(char c) {
-    return c == ' ' || (c >= '\t' && c <= '\r');
-}
+#include "trace/frame/frame.h"
 
 // Value of a digit in any base up to 16; 16 when it is none.
 static uint32_t digit_value(char c) {
@@ -15,13 +13,19 @@ static uint32_t digit_value(char c) {
     return 16;
 }
 
+// Moves over white space and a sign. Returns whether that is a "-".
+static bool skip_sign(const char **ppText) {
+    while (is_space(**ppText))
+        ++*ppText;
+    const char sign = **ppText;
+    if (sign == '-' || sign == '+')
+        ++*ppText;
+    return sign == '-';
+}
+
 uint64_t read_number(const char *pText, const char **ppStop) {
     const char *p = pText;
-    while (is_space(*p))
-        p++;
-    const bool bNegative = *p == '-';
-    if (*p == '-' || *p == '+')
-        p++;
+    const bool bNegative = skip_sign(&p);
     uint32_t base = 10;
     if (*p == '0') {
         base = 8;
@@ -41,4 +45,16 @@ uint64_t read_number(const char *pText, const char **ppStop) {
     if (bOverflow)
         return UINT64_MAX;
     return bNegative ? -value : value;
+}
+
+int32_t read_decimal(const char *pText, const char **ppStop) {
+    const char *p = pText;
+    const bool bNegative = skip_sign(&p);
+    *ppStop = pText;
+    int64_t value = 0;
+    for (uint32_t digit = digit_value(*p); digit < 10; digit = digit_value(*++p)) {
+        value = std::min<int64_t>(10 * value + digit, INT32_MAX);
+        *ppStop = p + 1;
+    }
+    return static_cast<int32_t>(bNegative ? -value : value);
 }

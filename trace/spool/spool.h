@@ -8,7 +8,7 @@
 
 #include "trace/trace.h"
 
-// ---- Entries (config.cpp, text.cpp, entry.cpp, match.cpp) ----
+// ---- Entries (entries.cpp; more about them in config.h) ----
 
 // Reads the spooling configuration, once per process: `KZ_TR_SPOOL` when that is set and not empty, else the
 // configuration file. What was stored before a failure stays.

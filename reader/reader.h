@@ -101,6 +101,9 @@ class trace_file_t {
     trace_file_t &operator=(const trace_file_t &) = delete;
     ~trace_file_t();
 
+    // The file header as it is now; nothing when the file is too short or cannot be read. Costs one read.
+    std::optional<trace_file_header_t> read_header() const;
+
     // Hands out everything that the file holds now, without the newest record while the file does not hold still. Does
     // not touch what `poll` remembers.
     batch_t read_all() const;

@@ -259,6 +259,13 @@ trace_file_t::~trace_file_t() {
         (void)close(fd); // only read from
 }
 
+std::optional<trace_file_header_t> trace_file_t::read_header() const {
+    trace_file_header_t header;
+    if (read_fully(fd, std::as_writable_bytes(std::span(&header, 1)), 0) != sizeof(header))
+        return std::nullopt;
+    return header;
+}
+
 batch_t trace_file_t::read_all() const {
     const view_t view = observe_file(fd);
     batch_t batch = batch_of(view);
@@ -269,11 +276,11 @@ batch_t trace_file_t::read_all() const {
 
 // Whether the last record handed out is where it was and still the newest.
 bool trace_file_t::is_unchanged() const {
-    trace_file_header_t header;
+    if (!follow || !follow->bQuiet)
+        return false;
+    const auto header = read_header();
     std::array<std::byte, TR_HEADER_LENGTH> head;
-    return follow && follow->bQuiet &&
-           read_fully(fd, std::as_writable_bytes(std::span(&header, 1)), 0) == sizeof(header) &&
-           header.uOldestRecordOffset == follow->oldestOffset &&
+    return header && header->uOldestRecordOffset == follow->oldestOffset &&
            read_fully(fd, head, follow->offset) == TR_HEADER_LENGTH && head == follow->head;
 }
 

@@ -580,7 +580,7 @@ TEST(Kztrace, TellsWhatItCannotRead) {
         {"info " + good, 0, "first                 2024-03-01 14:00:00.000002"},
         {"dump " + good + " " + bad, 1, "==> " + good + " <==\n2024-03-01 14:00:00.000002"},
         {"dump " + bad, 1, "\nkztrace: " + bad + ": the record at offset 232 has the length 4\n"},
-        {"dump " + dir.path(), 1, "is a directory"},
+        {"dump " + dir.path(), 1, "is a directory without pages and copies"},
         {"info " + fifo, 1, "is a FIFO"},
         {"dump " + dir.file("absent"), 1, "absent: cannot be opened: No such file or directory\n"},
         {"dump " + good + " >/dev/full", 1, "standard output: cannot be written"},

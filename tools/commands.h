@@ -2,17 +2,26 @@
 #ifndef KZ_TOOLS_COMMANDS_H
 #define KZ_TOOLS_COMMANDS_H
 
+#include <functional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 
-#include "reader/reader.h"
+#include "reader/collection.h"
 
 namespace kztrace {
 
 constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAULT = 1; // a file could not be read, or not all of it; a specification is faulty
 constexpr int EXIT_USAGE = 2;
+
+// What the commands that read trace files say of their arguments.
+constexpr const char *FILES_HELP = "Trace files, names of page sets, pages, copies of pages, or directories of these;\n"
+                                   "also while they are being written";
+constexpr const char *MERGE_HELP =
+    "Put the records of all arguments together, ordered by time. That is so anyway when\n"
+    "one of them is a page set, a page, a copy or a directory";
 
 void add_dump(CLI::App *pApp, int *pExitCode);
 void add_info(CLI::App *pApp, int *pExitCode);
@@ -23,14 +32,14 @@ void add_sizes(CLI::App *pApp, int *pExitCode);
 // Reports on standard error, behind all that went to standard output so far: "kztrace: FILE: reason".
 void report(const std::string &fileName, const std::string &reason);
 
-// Opens and reads a file, and reports why when it cannot be opened. Returns nothing then.
-std::optional<trread::batch_t> read_file(const std::string &fileName);
-
-// Reports what is wrong with a file that has been read. Returns the exit code.
-int report_faults(const std::string &fileName, const trread::batch_t &batch);
-
-// Writes the line that stands above each file's part of the output, when there are several.
-void print_heading(const std::string &fileName, size_t index, size_t numFiles);
+// Reads the files behind arguments, hands them to `show`, and reports what is wrong with them.
+//
+// Arguments of which one is more than a lone file (a page set, a page, a copy, a directory) are one collection, so that a
+// page set and the directory of its copies become one stream. So are lone files with `bMerge`; without, each is shown
+// by itself, under a heading when there are several. Files that cannot be opened are reported only. Returns the exit
+// code.
+int show_files(const std::vector<std::string> &paths, bool bMerge,
+               const std::function<void(trread::collection_t *)> &show);
 
 } // namespace kztrace
 

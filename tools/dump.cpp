@@ -17,6 +17,7 @@ struct dump_options_t {
     std::string hex = "short"; // or "full", "off"
     size_t maxBytes = 16;
     bool bUtc = false;
+    bool bMerge = false;
 };
 
 static void append_line(fmt::memory_buffer *pOut, const trread::record_t &record, const dump_options_t &options) {
@@ -38,31 +39,21 @@ static void append_line(fmt::memory_buffer *pOut, const trread::record_t &record
 }
 
 static int run_dump(const dump_options_t &options) {
-    int exitCode = EXIT_OK;
-    for (size_t i = 0; i < options.fileNames.size(); i++) {
-        const std::string &fileName = options.fileNames[i];
-        const auto batch = read_file(fileName);
-        if (!batch) {
-            exitCode = EXIT_FAULT;
-            continue;
-        }
-        print_heading(fileName, i, options.fileNames.size());
-        for (const auto &record : batch->records) {
+    return show_files(options.fileNames, options.bMerge, [&options](trread::collection_t *pFiles) {
+        while (const auto *pRecord = pFiles->next()) {
             fmt::memory_buffer line;
-            append_line(&line, record, options);
+            append_line(&line, *pRecord, options);
             (void)fwrite(line.data(), 1, line.size(), stdout); // the end of the program looks for failures
         }
-        if (report_faults(fileName, *batch) != EXIT_OK)
-            exitCode = EXIT_FAULT;
-    }
-    return exitCode;
+    });
 }
 
 void add_dump(CLI::App *pApp, int *pExitCode) {
     auto pOptions = std::make_shared<dump_options_t>();
     CLI::App *pCommand = pApp->add_subcommand("dump", "Print the records of trace files, one line a record");
-    pCommand->add_option("FILE", pOptions->fileNames, "Trace files, also while they are being written")->required();
+    pCommand->add_option("FILE", pOptions->fileNames, FILES_HELP)->required();
     pCommand->add_flag("-u,--utc", pOptions->bUtc, "Show times in UTC instead of local time");
+    pCommand->add_flag("-m,--merge", pOptions->bMerge, MERGE_HELP);
     pCommand
         ->add_option("-x,--hex", pOptions->hex,
                      "Show data blocks in lines of 16 bytes below the record (full), on its line, as far as\n"

@@ -1,8 +1,10 @@
 // kztrace info: what the header of a file says, and what its records are.
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,7 @@ namespace kztrace {
 struct info_options_t {
     std::vector<std::string> fileNames;
     bool bUtc = false;
+    bool bMerge = false;
 };
 
 static void print_field(const char *pName, const std::string &value, const char *pMeaning) {
@@ -32,21 +35,23 @@ static std::string properties_text(uint8_t uProperties) {
     return text;
 }
 
-static const char *page_state_text(uint8_t state) {
-    switch (state) {
-    case TR_NOT_A_PAGE:
-        return "not a page of a spooled set";
-    case TR_ACTIVE:
-        return "active: records are written to it";
-    case TR_FULL:
-        return "full: waits for its copy";
-    case TR_READY:
-        return "ready: copied, may be written again";
-    case TR_COPYING:
-        return "being copied";
-    default:
-        return "unknown";
-    }
+struct page_state_t {
+    uint8_t state; // sp_flags
+    const char *pName;
+    const char *pMeaning;
+};
+
+static const page_state_t &page_state(uint8_t state) {
+    static constexpr page_state_t states[] = {
+        {TR_NOT_A_PAGE, "-", "not a page of a spooled set"},
+        {TR_ACTIVE, "active", "active: records are written to it"},
+        {TR_FULL, "full", "full: waits for its copy"},
+        {TR_READY, "ready", "ready: copied, may be written again"},
+        {TR_COPYING, "copying", "being copied"},
+    };
+    static constexpr page_state_t unknown = {0, "unknown", "unknown"};
+    const auto found = std::ranges::find(states, state, &page_state_t::state);
+    return found != std::end(states) ? *found : unknown;
 }
 
 // tz_offset counts west of Greenwich; people count east.
@@ -56,8 +61,8 @@ static std::string zone_text(int32_t tz_offset) {
     return fmt::format("UTC{}{:02}:{:02}", east < 0 ? '-' : '+', minutes / 60, minutes % 60);
 }
 
-static void print_header(const trread::batch_t &batch, bool bUtc) {
-    const trace_file_header_t &header = *batch.header; // packed: 8-byte fields are copied, not referred to
+// The header is packed: 8-byte fields are copied, not referred to.
+static void print_header(const trace_file_header_t &header, bool bUtc) {
     const cu_timeinfo_t timeInfo = header.timeInfo;
     print_field("uProperties", fmt::format("{:#04x}", header.uProperties), properties_text(header.uProperties).c_str());
     print_field("uPlatform", fmt::format("{}", header.uPlatform), "platform of the writer");
@@ -85,7 +90,7 @@ static void print_header(const trread::batch_t &batch, bool bUtc) {
         print_field("sp_reuse_tm",
                     header.sp_reuse_tm == 0 ? "0" : time_text(int64_t{header.sp_reuse_tm} * 1'000'000'000, bUtc),
                     header.sp_reuse_tm == 0 ? "never taken back without a copy" : "last taken back without a copy");
-        print_field("sp_flags", fmt::format("{}", header.sp_flags), page_state_text(header.sp_flags));
+        print_field("sp_flags", fmt::format("{}", header.sp_flags), page_state(header.sp_flags).pMeaning);
     }
     print_field("tz_offset", fmt::format("{}", header.tz_offset), zone_text(header.tz_offset).c_str());
 }
@@ -96,69 +101,91 @@ static void print_counts(const char *pTitle, const std::map<std::string, size_t>
         fmt::print("  {:<20}  {:>10}\n", name, count);
 }
 
-static void print_records(const trread::batch_t &batch, bool bUtc) {
+// What the records of a stream are. `numUnknown` further ones are of unknown kinds.
+static void print_records(trread::collection_t *pFiles, uint32_t numUnknown, bool bUtc) {
     std::map<std::string, size_t> byKind, byComponent, byProcess;
-    std::vector<int64_t> times_ns;
-    size_t numCut = 0;
-    if (batch.numUnknown != 0)
-        byKind["unknown"] = batch.numUnknown;
-    for (const auto &record : batch.records) {
-        byKind[kind_name(record.kind)]++;
-        if (record.kind == TR_KIND_RESERVED)
+    std::optional<trread::span_t> span;
+    size_t numRecords = numUnknown, numCut = 0;
+    if (numUnknown != 0)
+        byKind["unknown"] = numUnknown;
+    while (const auto *pRecord = pFiles->next()) {
+        numRecords++;
+        byKind[kind_name(pRecord->kind)]++;
+        if (pRecord->kind == TR_KIND_RESERVED)
             continue;
-        byComponent[comp_id_text(record.compId)]++;
-        byProcess[std::to_string(record.pid)]++;
-        numCut += trread::decode_body(record).bCut ? 1 : 0;
-        times_ns.push_back(record.time_ns);
+        byComponent[comp_id_text(pRecord->compId)]++;
+        byProcess[std::to_string(pRecord->pid)]++;
+        numCut += trread::decode_body(*pRecord).bCut ? 1 : 0;
+        const int64_t time_ns = pRecord->time_ns;
+        span = span ? trread::span_t{std::min(span->first_ns, time_ns), std::max(span->last_ns, time_ns)}
+                    : trread::span_t{time_ns, time_ns};
     }
-    fmt::print("Records: {}\n", batch.records.size() + batch.numUnknown);
-    if (times_ns.empty())
+    fmt::print("Records: {}\n", numRecords);
+    if (!span)
         return;
     print_counts("By kind", byKind);
     print_counts("By component", byComponent);
     print_counts("By process", byProcess);
     if (numCut != 0)
         fmt::print("Cut: {}, which could not hold all of what was to be recorded\n", numCut);
-    const auto [first, last] = std::minmax_element(times_ns.begin(), times_ns.end());
-    fmt::print("Time\n  {:<20}  {}\n  {:<20}  {}\n", "first", time_text(*first, bUtc), "last", time_text(*last, bUtc));
-    int64_t span_ns = 0;
-    if (!__builtin_sub_overflow(*last, *first, &span_ns))
-        fmt::print("  {:<20}  {}\n", "span", duration_text(span_ns));
+    fmt::print("Time\n  {:<20}  {}\n  {:<20}  {}\n", "first", time_text(span->first_ns, bUtc), "last",
+               time_text(span->last_ns, bUtc));
+    int64_t duration_ns = 0;
+    if (!__builtin_sub_overflow(span->last_ns, span->first_ns, &duration_ns))
+        fmt::print("  {:<20}  {}\n", "span", duration_text(duration_ns));
 }
 
-static int run_info(const info_options_t &options) {
-    int exitCode = EXIT_OK;
-    for (size_t i = 0; i < options.fileNames.size(); i++) {
-        const std::string &fileName = options.fileNames[i];
-        const auto batch = read_file(fileName);
-        if (!batch) {
-            exitCode = EXIT_FAULT;
+static const char *state_text(const trread::source_t &source) {
+    if (source.place.is_copy())
+        return "copy";
+    return source.header && source.header->uVersion >= TR_VERSION_PAGES ? page_state(source.header->sp_flags).pName
+                                                                        : "-";
+}
+
+// One line a file. Their records are counted as each file has them, the same one in a page and in its copy.
+static void print_sources(const std::vector<trread::source_t> &sources, bool bUtc) {
+    fmt::print("{:<7}  {:>10}  {:>8}  {:<26}  {:<26}  {}\n", "state", "bytes", "records", "first", "last", "file");
+    for (const auto &source : sources) {
+        if (!source.bOpened)
             continue;
-        }
-        print_heading(fileName, i, options.fileNames.size());
-        fmt::print("File: {} bytes\n", batch->fileSize);
-        if (batch->header) {
-            fmt::print("Header\n");
-            print_header(*batch, options.bUtc);
-            print_records(*batch, options.bUtc);
-        }
-        if (report_faults(fileName, *batch) != EXIT_OK)
-            exitCode = EXIT_FAULT;
+        fmt::print("{:<7}  {:>10}  {:>8}  {:<26}  {:<26}  {}\n", state_text(source), source.fileSize,
+                   source.numRecords + source.numUnknown, source.span ? time_text(source.span->first_ns, bUtc) : "-",
+                   source.span ? time_text(source.span->last_ns, bUtc) : "-", escape(source.place.path));
     }
-    return exitCode;
+}
+
+static void print_info(trread::collection_t *pFiles, bool bUtc) {
+    const auto &sources = pFiles->sources();
+    if (sources.size() > 1) {
+        print_sources(sources, bUtc);
+        print_records(pFiles, 0, bUtc);
+        return;
+    }
+    fmt::print("File: {} bytes\n", sources[0].fileSize);
+    if (sources[0].header) {
+        fmt::print("Header\n");
+        print_header(*sources[0].header, bUtc);
+        print_records(pFiles, sources[0].numUnknown, bUtc);
+    }
 }
 
 void add_info(CLI::App *pApp, int *pExitCode) {
     auto pOptions = std::make_shared<info_options_t>();
     CLI::App *pCommand =
         pApp->add_subcommand("info", "Print the header of trace files and what kinds of records they hold");
-    pCommand->add_option("FILE", pOptions->fileNames, "Trace files, also while they are being written")->required();
+    pCommand->add_option("FILE", pOptions->fileNames, FILES_HELP)->required();
     pCommand->add_flag("-u,--utc", pOptions->bUtc, "Show times in UTC instead of local time");
+    pCommand->add_flag("-m,--merge", pOptions->bMerge, MERGE_HELP);
     pCommand->footer(
         "Shows each field of the file header with its meaning, how many records there are of each kind, of\n"
-        "each component and of each process, and the time that they span. Damage is reported on standard\n"
-        "error.");
-    pCommand->callback([pOptions, pExitCode] { *pExitCode = run_info(*pOptions); });
+        "each component and of each process, and the time that they span. For several files that belong\n"
+        "together there is one line a file instead of the header; the counts below take a record once that is\n"
+        "in a page and in its copy, and leave out unknown kinds. Damage is reported on standard error.");
+    pCommand->callback([pOptions, pExitCode] {
+        const bool bUtc = pOptions->bUtc;
+        *pExitCode = show_files(pOptions->fileNames, pOptions->bMerge,
+                                [bUtc](trread::collection_t *pFiles) { print_info(pFiles, bUtc); });
+    });
 }
 
 } // namespace kztrace

@@ -1,16 +1,17 @@
 // kztrace: the command-line tool for trace files. This file holds the command line and what the subcommands share.
 #include <signal.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdio>
 #include <exception>
-#include <optional>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "reader/reader.h"
+#include "reader/collection.h"
 #include "tools/commands.h"
 #include "tools/format.h"
 
@@ -21,25 +22,36 @@ void report(const std::string &fileName, const std::string &reason) {
     fmt::print(stderr, "kztrace: {}: {}\n", escape(fileName), reason);
 }
 
-std::optional<trread::batch_t> read_file(const std::string &fileName) {
-    std::string reason;
-    const auto file = trread::trace_file_t::open(fileName, &reason);
-    if (!file) {
-        report(fileName, reason);
-        return std::nullopt;
+// Shows a collection unless nothing of it could be opened. Returns whether all is well with it.
+static bool show_collection(trread::collection_t *pFiles, const std::function<void(trread::collection_t *)> &show) {
+    if (std::ranges::any_of(pFiles->sources(), &trread::source_t::bOpened))
+        show(pFiles);
+    bool bWhole = true;
+    for (const auto &source : pFiles->sources())
+        for (const auto &fault : source.faults) {
+            report(source.place.path, fault.text);
+            bWhole = false;
+        }
+    return bWhole;
+}
+
+int show_files(const std::vector<std::string> &paths, bool bMerge,
+               const std::function<void(trread::collection_t *)> &show) {
+    bool bWhole = true;
+    if (bMerge || !std::ranges::all_of(paths, trread::is_lone_file)) {
+        trread::collection_t files(paths);
+        return show_collection(&files, show) ? EXIT_OK : EXIT_FAULT;
     }
-    return file->read_all();
-}
-
-int report_faults(const std::string &fileName, const trread::batch_t &batch) {
-    for (const auto &fault : batch.faults)
-        report(fileName, fault.text);
-    return batch.faults.empty() ? EXIT_OK : EXIT_FAULT;
-}
-
-void print_heading(const std::string &fileName, size_t index, size_t numFiles) {
-    if (numFiles > 1)
-        fmt::print("{}==> {} <==\n", index == 0 ? "" : "\n", escape(fileName));
+    for (size_t i = 0; i < paths.size(); i++) {
+        trread::collection_t file({paths[i]});
+        const auto show_headed = [&](trread::collection_t *pFile) {
+            if (paths.size() > 1)
+                fmt::print("{}==> {} <==\n", i == 0 ? "" : "\n", escape(paths[i]));
+            show(pFile);
+        };
+        bWhole = show_collection(&file, show_headed) && bWhole;
+    }
+    return bWhole ? EXIT_OK : EXIT_FAULT;
 }
 
 static int run(int argc, char **argv) {

@@ -43,12 +43,12 @@ configuration_action_t determine_configuration_action_from_the_configuration_fil
 
 // ---- Lists of entries ----
 
-struct spec_list_t {
+struct spool_specs_t {
     trace_spool_spec_t *pFirst;
     trace_spool_spec_t *pLast;
 };
 
-static void append(spec_list_t *pList, trace_spool_spec_t *pSpec) {
+static void append(spool_specs_t *pList, trace_spool_spec_t *pSpec) {
     pSpec->pPrev = pList->pLast;
     pSpec->pNext = nullptr;
     (pList->pLast != nullptr ? pList->pLast->pNext : pList->pFirst) = pSpec;
@@ -56,7 +56,7 @@ static void append(spec_list_t *pList, trace_spool_spec_t *pSpec) {
 }
 
 // Takes an entry out of a list. Returns whether it was there.
-static bool take_out(spec_list_t *pList, trace_spool_spec_t *pSpec) {
+static bool take_out(spool_specs_t *pList, trace_spool_spec_t *pSpec) {
     const trace_spool_spec_t *pFound = pList->pFirst;
     while (pFound != nullptr && pFound != pSpec)
         pFound = pFound->pNext;
@@ -67,11 +67,11 @@ static bool take_out(spec_list_t *pList, trace_spool_spec_t *pSpec) {
     return true;
 }
 
-static spec_list_t present_specs() TR_HOLDS(global_lock) {
+static spool_specs_t present_specs() TR_HOLDS(global_lock) {
     return {.pFirst = anchors.pFirstSpoolSpec, .pLast = anchors.pLastSpoolSpec};
 }
 
-static void install(const spec_list_t *pList) TR_HOLDS(global_lock) {
+static void install(const spool_specs_t *pList) TR_HOLDS(global_lock) {
     anchors.pFirstSpoolSpec = pList->pFirst;
     anchors.pLastSpoolSpec = pList->pLast;
 }
@@ -79,9 +79,9 @@ static void install(const spec_list_t *pList) TR_HOLDS(global_lock) {
 // ---- Taking up a changed file ----
 
 // Binds every anchor against the fresh entries. Entries that anchors still need stay, behind the fresh ones.
-static void replace_specs(spec_list_t fresh) TR_HOLDS(global_lock) {
-    spec_list_t old = present_specs();
-    spec_list_t kept = {};
+static void replace_specs(spool_specs_t fresh) TR_HOLDS(global_lock) {
+    spool_specs_t old = present_specs();
+    spool_specs_t kept = {};
     install(&fresh);
     for (trace_anchor_t *pAnchor = &anchors; pAnchor != nullptr; pAnchor = observe(&pAnchor->next)) {
         pAnchor->bSpoolProcessed = 0;
@@ -100,7 +100,7 @@ static void replace_specs(spec_list_t fresh) TR_HOLDS(global_lock) {
 
 // Cancellation is off: a list is replaced whole or not at all.
 static void reconfigure() {
-    spec_list_t fresh = {};
+    spool_specs_t fresh = {};
     if (spool_conf_file(&fresh.pFirst, &fresh.pLast) != 0) {
         free_spool_spec_linked_list(fresh.pFirst);
         return;

@@ -35,7 +35,7 @@ static void copy_name(char *pTo, const char *pFrom) {
 }
 
 void choose_set_mutex(trace_anchor_t *pAnchor) {
-    const bool bShared = pAnchor->spool != nullptr && pAnchor->pSpoolMutex != nullptr;
+    const bool bShared = is_page(pAnchor) && pAnchor->pSpoolMutex != nullptr;
     publish(&pAnchor->pSetMutex, bShared ? pAnchor->pSpoolMutex : &pAnchor->anchorMutex);
 }
 

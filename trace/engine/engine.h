@@ -12,7 +12,7 @@
 // anchor's mutex, as they are.
 void initAnchor(trace_anchor_t *pAnchor);
 
-// Settles which mutex is the anchor-set lock: pSpoolMutex when the anchor has an entry (`spool`) and that, else its own.
+// Settles which mutex is the anchor-set lock: pSpoolMutex of a page, else the anchor's own.
 // To be called whenever these change, under the global lock and the anchor-set lock of before.
 void choose_set_mutex(trace_anchor_t *pAnchor);
 

@@ -22,12 +22,20 @@ static const struct {
     void (*p_term)(void);
     void (*p_stop)(void);
     void (*p_log)(const char *, char);
-} signatures = {tr_register_component_1,     __tr_register_component_1,
-                __tr_unregister_component_1, tr_ms_record_values_32_1,
-                tr_ms_record_values_64_1,    tr_ms_record_values_32_v_1,
-                tr_ms_record_values_64_v_1,  tr_record_values_64_v_1,
-                msync_trace_pages,           __tr_term,
-                global_stop_trace,           log_trc_error};
+    struct sp_q_element_t *(*p_dequeue)(struct sp_q_t *);
+} signatures = {tr_register_component_1,
+                __tr_register_component_1,
+                __tr_unregister_component_1,
+                tr_ms_record_values_32_1,
+                tr_ms_record_values_64_1,
+                tr_ms_record_values_32_v_1,
+                tr_ms_record_values_64_v_1,
+                tr_record_values_64_v_1,
+                msync_trace_pages,
+                __tr_term,
+                global_stop_trace,
+                log_trc_error,
+                spool_dequeue_last_element_inside_spq};
 
 #ifdef __cplusplus
 static_assert(!noexcept(tr_record_id_1("", 0)) && !noexcept(tr_flush_1()), "a cancelled thread unwinds through them");
@@ -95,6 +103,14 @@ int main(void) {
     expect("spool directory", tr_get_spool_dir_1("/spooled") != NULL, 1);
     expect("no spool directory", tr_get_spool_dir_1("/other") != NULL, 0);
     expect("directory", subdir("."), 0);
+    int32_t numFiles = 0;
+    tr_mini_spooling_anchor_t *files = NULL;
+    expect("spooling report", tr_get_current_spooling_status_1(&numFiles, &files), 0);
+    expect("default file's entry", numFiles == 1 && strcmp(files[0].fileName, getenv("KZ_TR_FILENAME")) == 0, 1);
+    tr_release_spool_info_1(numFiles, files);
+    expect("core event", tr_core_event_1("core", "message"), 0);
+    expect("copy", tr_copy_file_1("/dev/null", "core", 0), 0);
+    tr_configure_1();
     expect("flush", tr_flush_1(), 0);
     expect("function table", _trp_funcs.p_tr_flush != NULL, 1);
     expect("unregister", tr_unregister_component_1("EFGH"), 0);

@@ -1,0 +1,364 @@
+// The queue and the copy thread: what is copied, in which order, under which names, and what a copy that fails, hangs or
+// comes at the wrong moment does to the rest. The report of where pages go, and the core event.
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <fstream>
+#include <thread>
+#include <vector>
+
+#include <gmock/gmock.h>
+
+#include "tests/support/sandbox.h"
+#include "tests/support/tracing.h"
+#include "trace/publish.h"
+#include "trace/spool/copy.h"
+#include "trace/spool/spool.h"
+
+namespace fs = std::filesystem;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::UnorderedElementsAre;
+
+// ---- This program's own calls, which the library's go through ----
+
+static std::atomic<int> numLooks = 0;            // at the configuration file
+static std::atomic<void (*)()> onLook = nullptr; // done in the next of them
+static std::atomic<int> numWrites = 0;           // of the copy thread
+static std::atomic<int> numMayWrite = INT_MAX;   // those behind these hang
+static std::string written;                      // the first byte of each
+static std::atomic<long> fixedTime = -1;         // of the clock, in microseconds
+
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's names are not for programs
+extern "C" {
+int stat(const char *path, struct stat *pStatus) {
+    if (strcmp(path, "/var/kz/cfg/trace.conf") == 0) {
+        numLooks++;
+        if (void (*const hook)() = onLook.exchange(nullptr))
+            hook();
+    }
+    return fstatat(AT_FDCWD, path, pStatus, 0);
+}
+ssize_t write(int fd, const void *buffer, size_t size) {
+    if (gettid() != getpid()) {
+        written += *static_cast<const char *>(buffer);
+        for (const int number = ++numWrites; number > numMayWrite;)
+            std::this_thread::sleep_for(milliseconds(1));
+    }
+    return syscall(SYS_write, fd, buffer, size);
+}
+void cu_get_current_time_1(timespec *now) {
+    clock_gettime(CLOCK_REALTIME, now);
+    if (fixedTime >= 0)
+        *now = {.tv_sec = fixedTime / 1'000'000, .tv_nsec = fixedTime % 1'000'000 * 1000 + 999};
+}
+}
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
+
+// ---- Pages and files ----
+
+// A full page as the engine hands it over, filled with one character, and its set's entry.
+struct page_t {
+    page_t(const char *pName, const std::string &dest, uint8_t state = TR_FULL) {
+        strcpy(anchor.fileName, pName);
+        strcpy(entry.dest, dest.c_str());
+        anchor.spool = &entry;
+        anchor.p_head_spool_anchor = &anchor;
+        memset(bytes, *pName, sizeof bytes);
+        anchor.pMap = bytes;
+        anchor.uActualFileSize = sizeof bytes;
+        header_of(bytes)->sp_flags = state;
+    }
+    trace_anchor_t *queue(sp_q_t *pQueue = &spq) {
+        return spool_enqueue(nullptr, nullptr, &anchor, pQueue, 0);
+    }
+    std::string copy() {
+        const sp_q_element_t element = {nullptr, nullptr, &anchor, "", nullptr, 0};
+        return do_spool(&element) == 0 ? "0" : last_error();
+    }
+
+    trace_anchor_t anchor = {};
+    trace_spool_spec_t entry = {};
+    alignas(4096) uint8_t bytes[4096];
+};
+
+class Spool : public Tracing {
+  protected:
+    std::string make_file(const char *pName, size_t size = 1) const {
+        std::ofstream(dir.file(pName)) << std::string(size, 'x');
+        return dir.file(pName);
+    }
+    static std::vector<std::string> names_in(const std::string &directory) {
+        std::vector<std::string> names;
+        for (const auto &entry : fs::directory_iterator(directory))
+            names.push_back(entry.path().filename());
+        return names;
+    }
+};
+
+template <typename condition_t> static bool eventually(const condition_t &condition) {
+    for (int i = 0; i < 10'000 && !condition(); i++)
+        std::this_thread::sleep_for(milliseconds(1));
+    return condition();
+}
+
+static int32_t queue_length() {
+    lock_queue(&spq);
+    const int32_t count = spq.cnt;
+    unlock_queue(&spq);
+    return count;
+}
+
+// ---- The queue ----
+
+TEST_F(Spool, QueueIsFirstInFirstOutAndGivesUpAllElementsOfAPage) {
+    sp_q_t queue = {nullptr, nullptr, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER};
+    page_t a("a", ""), b("b", ""), retired("c", "", TR_READY);
+    a.anchor.nextPage = retired.anchor.nextPage = &b.anchor;
+    retired.anchor.bRetired = true; // its link leads along another list
+    retired.anchor.p_head_spool_anchor = b.anchor.p_head_spool_anchor = &a.anchor;
+    EXPECT_EQ(a.queue(&queue), &b.anchor);
+    EXPECT_EQ(spool_enqueue("file", "dest", nullptr, &queue, 2), nullptr);
+    EXPECT_EQ(b.queue(&queue), &a.anchor);
+    EXPECT_EQ(retired.queue(&queue), &a.anchor);
+    (void)a.queue(&queue);
+    (void)retired.queue(&queue);
+    EXPECT_EQ(spool_take_back(&queue, &a.anchor), TR_FULL);        // the oldest and one in the middle
+    EXPECT_EQ(spool_take_back(&queue, &retired.anchor), TR_READY); // the newest and one in the middle
+    EXPECT_EQ(spool_take_back(&queue, &a.anchor), TR_FULL);        // not queued any more
+    std::vector<std::string> order;
+    while (sp_q_element_t *const pElem = spool_dequeue_last_element_inside_spq(&queue)) {
+        order.emplace_back(pElem->pAnchor != nullptr ? pElem->pAnchor->fileName : pElem->fileName);
+        free(pElem);
+    }
+    EXPECT_THAT(order, ElementsAre("file", "b"));
+    EXPECT_TRUE(queue.cnt == 0 && queue.pFirst == nullptr && queue.pLast == nullptr);
+}
+
+TEST_F(Spool, PagesAreCopiedInTheirOrderAsTheirStatesSay) {
+    in_child([this] {
+        page_t a("a", dir.path()), b("b", dir.path()), c("c", dir.path()), nowhere("d", "/dev/null");
+        page_t ready("r", dir.path(), TR_READY), gone("g", dir.path()), failing("f", "/no/dir");
+        page_t stuck("s", dir.path(), TR_ACTIVE), last("l", dir.path());
+        for (page_t *pPage : {&a, &ready, &b, &gone, &nowhere, &failing, &c, &stuck, &last})
+            (void)pPage->queue();
+        gone.anchor.pMap = nullptr;
+        start_copy_thread_once();
+        ASSERT_TRUE(eventually([] { return queue_length() == 2; }));
+        for (const page_t *pPage : {&a, &b, &c, &nowhere, &failing})
+            EXPECT_EQ(page_state(&pPage->anchor), TR_READY);
+        const int numBefore = numLooks;
+        std::this_thread::sleep_for(milliseconds(500));
+        EXPECT_LT(numLooks - numBefore, 10); // a thread that spins looks thousands of times
+        publish(&header_of(stuck.bytes)->sp_flags, uint8_t{TR_FULL});
+        EXPECT_TRUE(eventually([] { return queue_length() == 0; }));
+        EXPECT_EQ(page_state(&last.anchor), TR_READY); // seen under the lock: its copy is made
+        EXPECT_EQ(written, "abcsl");
+        EXPECT_EQ(names_in(dir.path()).size(), 5U);
+    });
+}
+
+// ---- Copies ----
+
+TEST_F(Spool, CopiesAreNamedByLocalTime) {
+    in_child([this] {
+        static constexpr struct {
+            long time;
+            const char *pName;
+        } rows[] = {{1'794'862'623'000'042, "%s.2026_11_16_21_57_03.42"}, // no name is ever taken for a format
+                    {1'735'516'800'000'007, "%s.2025_12_30_01_00_00. 7"},
+                    {1'798'758'000'999'999, "%s.2026_01_01_00_00_00.999999"}};
+        (void)setenv("TZ", "ZON-1", 1); // one hour east of Greenwich
+        const std::string copies = dir.file("copies"), source = make_file("%s", 600'000);
+        fs::create_directory(copies);
+        for (const auto &row : rows) {
+            fixedTime = row.time;
+            const fs::path copy = copies + "/" + row.pName;
+            EXPECT_EQ(tr_copy_file_1(copies.c_str(), source.c_str(), 0), 0);
+            ASSERT_TRUE(eventually([&] { return fs::exists(copy) && fs::file_size(copy) == 600'000; })) << copy;
+            EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0600));
+            ASSERT_TRUE(fs::remove(copy));
+            page_t page("%s", copies);
+            EXPECT_EQ(page.copy(), "0");
+            EXPECT_EQ(memcmp(view_t(copy).pBytes, page.bytes, sizeof page.bytes), 0);
+            ASSERT_TRUE(fs::remove(copy));
+        }
+        tr_term(); // the thread has read `copies`
+    });
+}
+
+TEST_F(Spool, ACopyThatFailsLeavesNoFile) {
+    in_child([this] {
+        enter_private_machine();
+        mount_memory(dir.path(), 64 << 10);
+        const std::string source = make_file("source"), link = dir.file("link"), fifo = dir.file("fifo"),
+                          good = dir.file("good"), none = dir.file("none") + "/such";
+        EXPECT_EQ(symlink(good.c_str(), link.c_str()) | mkfifo(fifo.c_str(), 0600), 0);
+        const auto copy = [](const std::string &to, const char *pFrom, size_t size = 0) {
+            static constexpr char bytes[128 << 10] = "";
+            return cp_mapped_file(to.c_str(), pFrom, bytes, size) == 0 ? "0" : last_error();
+        };
+        EXPECT_EQ(copy(none, nullptr), "18 18 2");
+        EXPECT_EQ(copy(link, nullptr), "18 18 40");
+        EXPECT_EQ(copy(fifo, nullptr), "20 20 " + fifo);
+        EXPECT_EQ(copy(good, none.c_str()), "18 18 2");
+        EXPECT_EQ(copy(good, fifo.c_str()), "20 20 " + fifo);
+        EXPECT_EQ(copy(good, nullptr, 128 << 10), "49 40 28"); // the disk is full
+        const rlimit limit = {8192, 8192};
+        EXPECT_EQ(setrlimit(RLIMIT_FSIZE, &limit), 0);
+        EXPECT_EQ(copy(good, nullptr, 16384), "49 40 27"); // and the process lives
+        EXPECT_THAT(names_in(dir.path()), UnorderedElementsAre("link", "fifo", "source"));
+        EXPECT_EQ(copy(good, source.c_str()), "0");
+        EXPECT_EQ(page_t("/a/page", "/" + std::string(4080, 'd')).copy(), "17 17 /a/page");
+    });
+}
+
+TEST_F(Spool, AFileIsRemovedOnlyWhenThatIsWantedAndItIsCopied) {
+    in_child([this] {
+        const std::string copies = dir.file("copies"), none = dir.file("none"), longest(4095, 'x');
+        fs::create_directory(copies);
+        const auto copy = [&](const char *pDest, const char *pName, int32_t del) {
+            EXPECT_EQ(tr_copy_file_1(pDest, make_file(pName).c_str(), del), 0);
+        };
+        copy(copies.c_str(), "removed", 1);
+        copy(copies.c_str(), "kept 0", 0);
+        copy(copies.c_str(), "kept 2", 2);
+        copy(none.c_str(), "not copied", 1);
+        EXPECT_EQ(tr_copy_file_1("/dev/null", longest.c_str(), 0), 0);
+        copy("/dev/null", "last", 1);
+        ASSERT_TRUE(eventually([this] { return !fs::exists(dir.file("last")); }));
+        EXPECT_THAT(names_in(dir.path()), UnorderedElementsAre("copies", "kept 0", "kept 2", "not copied"));
+        EXPECT_EQ(names_in(copies).size(), 3U);
+        EXPECT_EQ(tr_copy_file_1(nullptr, "x", 0) & tr_copy_file_1("x", nullptr, 0), 1);
+        EXPECT_EQ(tr_copy_file_1("/dev/null", (longest + "x").c_str(), 0), 1);
+        EXPECT_EQ(last_error(), "17 17 " + longest + "x");
+    });
+}
+
+// ---- The thread ----
+
+static std::string lateFile;
+
+TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
+    in_child([this] {
+        lateFile = make_file("file");
+        onLook = [] { (void)tr_copy_file_1("/dev/null", lateFile.c_str(), 1); };
+        start_copy_thread_once();
+        EXPECT_TRUE(eventually([] { return !fs::exists(lateFile); }));
+        for (int i = 0; i < 1000 && !HasFailure(); i++) {
+            const int numBefore = numLooks;
+            tr_configure_1();
+            EXPECT_TRUE(eventually([&] { return numLooks > numBefore; }));
+        }
+        onLook = [] { (void)eventually([] { return numMayWrite == 0; }); };
+        tr_configure_1();
+        EXPECT_EQ(start(path), 0);
+        tr_term(); // the thread goes on behind it, and must not initialise the library
+        numMayWrite = 0;
+        EXPECT_TRUE(eventually([] { return observe(&is_spool_running) == 0; }));
+        EXPECT_EQ(anchors.bInitialized, 0);
+    });
+}
+
+static int try_queue() TR_UNCHECKED {
+    timespec limit;
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec++;
+    const int error = lock_queue_until(&spq, &limit);
+    if (error == 0)
+        unlock_queue(&spq);
+    return error;
+}
+
+// Whether a thread of the process blocks SIGALRM, SIGTERM and SIGCHLD and nothing else.
+static bool is_mask_set() {
+    std::string all;
+    for (const auto &task : fs::directory_iterator("/proc/self/task"))
+        std::getline(std::ifstream(task.path() / "status"), all += "\n", '\0');
+    return all.find("SigBlk:\t0000000000016000") != std::string::npos;
+}
+
+TEST_F(Spool, AHungCopyHoldsUpNeitherForksNorTheEnd) {
+    in_child([this] {
+        ASSERT_EQ(start(path), 0);
+        page_t page("p", dir.path()), other("o", dir.path());
+        start_copy_thread_once();
+        EXPECT_TRUE(eventually(is_mask_set));
+        numMayWrite = 0;
+        EXPECT_EQ(tr_copy_file_1(dir.path().c_str(), path.c_str(), 0), 0);
+        ASSERT_TRUE(eventually([] { return numWrites == 1; }));
+        EXPECT_EQ(try_queue(), 0); // recorders do not wait for a file
+        (void)page.queue();
+        (void)other.queue();
+        numMayWrite = 1;
+        ASSERT_TRUE(eventually([] { return numWrites == 2; }));
+        EXPECT_EQ(try_queue(), ETIMEDOUT);
+        const pid_t pid = fork();
+        if (pid == 0) {
+            alarm(5);
+            tr_configure_1();
+            _exit(tr_copy_file_1("/tmp", "/dev/null", 0) | tr_core_event_1("", ""));
+        }
+        int status = -1;
+        EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == 0);
+        const auto begin = std::chrono::steady_clock::now();
+        tr_configure_1();
+        tr_term();
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
+        EXPECT_EQ(observe(&is_spool_running), 1);
+        numMayWrite = INT_MAX;
+        EXPECT_TRUE(eventually([] { return observe(&is_spool_running) == 0; }));
+        EXPECT_EQ(page_state(&page.anchor), TR_READY);
+        EXPECT_EQ(page_state(&other.anchor), TR_FULL);
+    });
+}
+
+// ---- The report and the core event ----
+
+static std::vector<std::string> report() {
+    int32_t count = 0;
+    tr_mini_spooling_anchor_t *pEntries = nullptr;
+    EXPECT_EQ(tr_get_current_spooling_status_1(&count, &pEntries), 0);
+    std::vector<std::string> texts;
+    for (int32_t i = 0; i < count; i++)
+        texts.push_back(pEntries[i].fileName + std::string(" -> ") + pEntries[i].dest);
+    tr_release_spool_info_1(-1, pEntries);
+    return texts;
+}
+
+TEST_F(Spool, ReportsWherePagesGo) {
+    in_child([] {
+        EXPECT_THAT(report(), ElementsAre(" -> spooling not enabled"));
+        const std::string longest(4095, 'z');
+        page_t set("", "/set"), off("", "/off");
+        set.entry.pages = 3;
+        set.entry.onoff = 1;
+        token_of("c.1.sp")->spool = token_of(longest)->spool = &set.entry;
+        token_of("a")->spool = &off.entry;
+        EXPECT_THAT(report(), ElementsAre(" -> spooling not enabled", "a -> spooling not enabled",
+                                          "c.1.sp (3 pages) -> /set", longest + " -> /set"));
+        set.entry.pages = 1;
+        set.entry.dir = off.entry.dest;
+        EXPECT_EQ(report()[2], "c.1.sp (1 page) -> /off");
+    });
+}
+
+TEST_F(Spool, ACoreEventIsMeantForOneFile) {
+    in_child([] {
+        char message[TR_CORE_MESSAGE_SIZE] = "";
+        const auto get = [&](const char *pName, const char *pBase) {
+            return get_core_message(pName, pBase, message, sizeof message);
+        };
+        EXPECT_EQ(tr_core_event_1("b", "first") | tr_core_event_1("a", std::string(2000, 'm').c_str()), 0);
+        EXPECT_TRUE(get("a.1.sp", "a") && get("a", nullptr) && !get("a.1.sp", "b") && !get("b", nullptr));
+        EXPECT_EQ(message, std::string(TR_CORE_MESSAGE_SIZE - 1, 'm'));
+        EXPECT_EQ(tr_core_event_1("a", nullptr), 0);
+        EXPECT_FALSE(get("a", nullptr));
+    });
+}

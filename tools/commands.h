@@ -14,6 +14,7 @@ constexpr int EXIT_OK = 0;
 constexpr int EXIT_FAULT = 1; // a file could not be read, or not all of it; a specification is faulty
 constexpr int EXIT_USAGE = 2;
 
+void add_config(CLI::App *pApp, int *pExitCode);
 void add_dump(CLI::App *pApp, int *pExitCode);
 void add_info(CLI::App *pApp, int *pExitCode);
 void add_levels(CLI::App *pApp, int *pExitCode);

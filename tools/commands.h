@@ -23,6 +23,7 @@ constexpr const char *MERGE_HELP =
     "Put the records of all arguments together, ordered by time. That is so anyway when\n"
     "one of them is a page set, a page, a copy or a directory";
 
+void add_config(CLI::App *pApp, int *pExitCode);
 void add_dump(CLI::App *pApp, int *pExitCode);
 void add_info(CLI::App *pApp, int *pExitCode);
 void add_levels(CLI::App *pApp, int *pExitCode);

@@ -67,6 +67,7 @@ static int run(int argc, char **argv) {
     add_levels(&app, &exitCode);
     add_map(&app, &exitCode);
     add_sizes(&app, &exitCode);
+    add_config(&app, &exitCode);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError &error) {

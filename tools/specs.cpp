@@ -17,6 +17,7 @@
 #include "reader/message.h"
 #include "tools/commands.h"
 #include "tools/format.h"
+#include "tools/specs.h"
 #include "trace/control/filemap.h"
 #include "trace/control/levels.h"
 #include "trace/control/settings.h"
@@ -26,10 +27,6 @@
 namespace kztrace {
 
 // ---- Tables ----
-
-using row_t = std::vector<std::string>; // the cells of a line
-
-enum class align_t { left, right };
 
 // Writes rows below each other, the first column to the left and the others as said.
 static void print_table(const std::vector<row_t> &rows, align_t align) {
@@ -51,16 +48,14 @@ static void print_table(const std::vector<row_t> &rows, align_t align) {
     }
 }
 
-// Writes what was understood; `rows` begins with the heading.
-static void print_entries(const std::vector<row_t> &rows, align_t align = align_t::left) {
+void print_entries(const std::vector<row_t> &rows, align_t align) {
     if (rows.size() > 1)
         print_table(rows, align);
 }
 
 // ---- Texts ----
 
-// A backslash stands for itself: it is common in patterns, and whoever reads it has typed it.
-static std::string visible(std::string_view text) {
+std::string visible(std::string_view text) {
     return escape(text, "");
 }
 
@@ -68,8 +63,7 @@ static std::string file_text(const char *pFileName) {
     return *pFileName == '\0' ? "(default trace file)" : visible(pFileName);
 }
 
-// Says something about a place in the text, and shows the place.
-static void report_at(const std::string &text, size_t offset, std::string_view what) {
+void report_at(const std::string &text, size_t offset, std::string_view what) {
     const std::string before = visible(std::string_view(text).substr(0, offset));
     const std::string behind = visible(std::string_view(text).substr(offset));
     (void)fflush(stdout);

@@ -154,10 +154,8 @@ static int32_t store_stanza(conf_reader_t *pReader) {
         note_stanza(pReader, TR_SPOOL_NO_MEMORY, pReader->line);
         return TR_RC_SPOOL_STORE;
     }
-    if (spool_finding_t *const pFinding = add_spool_finding(pReader->pFindings, TR_SPOOL_ENTRY, {})) {
+    if (auto *const pFinding = note_stored_entry(pReader->pFindings, pReader->list, pLastBefore, {}))
         memcpy(pFinding->name, pStanza->name, sizeof pFinding->name);
-        pFinding->pSpec = pLastBefore != nullptr ? pLastBefore->pNext : *pReader->list.ppFirst;
-    }
     return 0;
 }
 

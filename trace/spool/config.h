@@ -16,6 +16,8 @@
 constexpr char TR_SPOOL_CONFIG_FILE[] = "/var/kz/cfg/trace.conf";
 constexpr char TR_NOWHERE[] = "/dev/null"; // destination of pages that are copied nowhere
 
+using spool_list_t = spec_list_t<trace_spool_spec_t>;
+
 // ---- What a reading finds (findings.cpp) ----
 
 constexpr uint32_t TR_SPOOL_LINE_SIZE = 1023; // bytes of a line as it is taken from the file, zero byte included
@@ -62,7 +64,7 @@ enum spool_finding_kind_t : uint8_t {
     TR_SPOOL_LONG_LINE,  // a line goes on as if it were another one
     TR_SPOOL_READ_ERROR, // the rest of the file could not be read. value: the platform's error number
 
-    TR_SPOOL_ENTRY, // an entry was stored. pSpec: the entry; name: the stanza
+    TR_SPOOL_ENTRY, // an entry was stored, perhaps with a twin behind it. pSpec: the entry; name: the stanza
 };
 
 inline bool is_spool_fault(spool_finding_kind_t kind) {
@@ -93,11 +95,12 @@ struct spool_findings_t {
 
 // Appends a finding and returns it, its texts empty. Returns null when nobody asked for findings or memory is short.
 spool_finding_t *add_spool_finding(spool_findings_t *pFindings, spool_finding_kind_t kind, spool_place_t place);
+// Appends the finding that an entry was stored behind another one (null: as the first) and returns it, or null.
+spool_finding_t *note_stored_entry(spool_findings_t *pFindings, spool_list_t list, const trace_spool_spec_t *pBefore,
+                                   spool_place_t place);
 void free_spool_findings(spool_findings_t *pFindings);
 
 // ---- Entries (entries.cpp) ----
-
-using spool_list_t = spec_list_t<trace_spool_spec_t>;
 
 // Appends an entry; with dupForClusterLink 1 also a twin behind it, which names the cluster's directory below "/var/kz" by
 // the cluster's identifier, when the pattern names it by the cluster's name.

@@ -16,6 +16,14 @@ spool_finding_t *add_spool_finding(spool_findings_t *pFindings, spool_finding_ki
     return pFinding;
 }
 
+spool_finding_t *note_stored_entry(spool_findings_t *pFindings, spool_list_t list, const trace_spool_spec_t *pBefore,
+                                   spool_place_t place) {
+    spool_finding_t *const pFinding = add_spool_finding(pFindings, TR_SPOOL_ENTRY, place);
+    if (pFinding != nullptr)
+        pFinding->pSpec = pBefore != nullptr ? pBefore->pNext : *list.ppFirst;
+    return pFinding;
+}
+
 void free_spool_findings(spool_findings_t *pFindings) {
     while (pFindings->pFirst != nullptr) {
         spool_finding_t *const pNext = pFindings->pFirst->pNext;

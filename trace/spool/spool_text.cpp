@@ -88,8 +88,10 @@ static int32_t take_entry(text_reader_t *pReader) {
         if (onoff == 0 && !is_spool_word(pSwitch, length, "off"))
             return text_fault(pReader, TR_SPOOL_NO_SWITCH, partRules[i], parts[i].pos);
     }
+    const trace_spool_spec_t *const pLastBefore = *pReader->list.ppLast;
     if (store_entry(pReader, parts, onoff) != 0)
         return text_fault(pReader, TR_SPOOL_NO_MEMORY, partRules[PART_PATTERN], start);
+    (void)note_stored_entry(pReader->pFindings, pReader->list, pLastBefore, {.line = 0, .offset = start});
     pReader->bAnyOn |= onoff == 1;
     return 0;
 }

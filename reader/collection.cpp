@@ -214,7 +214,10 @@ std::vector<collection_t::bundle_t> collection_t::make_bundles() const {
     for (size_t i = 0; i < files.size(); i++)
         if (files[i].numRecords != 0)
             order.push_back(i);
-    std::ranges::stable_sort(order, {}, [&](size_t i) { return std::pair(page_of(i), span_or_end(i).first_ns); });
+    // Of equal ones a copy goes before its page, whose header may tell the process of a later start.
+    std::ranges::stable_sort(order, {}, [&](size_t i) {
+        return std::tuple(page_of(i), span_or_end(i).first_ns, !files[i].place.is_copy());
+    });
     std::vector<bundle_t> bundles;
     for (const size_t i : order) {
         const span_t span = span_or_end(i);

@@ -83,22 +83,30 @@ static void add_kept_file(const place_t &page, std::vector<place_t> *pPlaces) {
         pPlaces->push_back(place_of(kept.string()));
 }
 
+// Goes down into directories, but not through symbolic links: the names of copies may lie several levels below the
+// directory that was configured.
 static void add_directory(const std::string &path, std::vector<place_t> *pPlaces) {
     const size_t numBefore = pPlaces->size();
-    std::error_code err;
-    fs::recursive_directory_iterator entry(path, fs::directory_options::skip_permission_denied, err);
-    for (; !err && entry != fs::recursive_directory_iterator(); entry.increment(err)) {
-        std::error_code ignored;
-        place_t place = place_of(entry->path().string());
-        if ((place.page == 0 && !place.is_copy()) || !entry->is_regular_file(ignored))
-            continue;
-        if (!place.is_copy())
-            add_kept_file(place, pPlaces);
-        pPlaces->push_back(std::move(place));
+    std::vector<std::string> directories = {path};
+    while (!directories.empty()) {
+        const std::string directory = std::move(directories.back());
+        directories.pop_back();
+        std::error_code err, ignored; // what is not known to be a directory or a file is passed over
+        fs::directory_iterator entry(directory, err);
+        for (; !err && entry != fs::directory_iterator(); entry.increment(err)) {
+            place_t place = place_of(entry->path().string());
+            if (fs::is_directory(entry->symlink_status(ignored)))
+                directories.push_back(place.path);
+            if ((place.page == 0 && !place.is_copy()) || !entry->is_regular_file(ignored))
+                continue;
+            if (!place.is_copy())
+                add_kept_file(place, pPlaces);
+            pPlaces->push_back(std::move(place));
+        }
+        if (err)
+            pPlaces->push_back(nothing_at(directory, "cannot be listed: " + err.message()));
     }
-    if (err)
-        pPlaces->push_back(nothing_at(path, "cannot be listed: " + err.message()));
-    else if (pPlaces->size() == numBefore)
+    if (pPlaces->size() == numBefore)
         pPlaces->push_back(nothing_at(path, "is a directory without pages and copies"));
 }
 

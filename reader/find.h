@@ -34,7 +34,7 @@ place_t place_of(const std::string &path);
 
 // The files that stand behind arguments:
 // - a directory: all pages and copies in it and below it, and the trace files that its pages belong to. Other files are
-//   passed over, among them damaged pages that their writer put aside;
+//   passed over, among them damaged pages that their writer put aside, and symbolic links to directories;
 // - the name of a page or copy: that file;
 // - any other name: that file, and the pages beside it that are named after it. The file may be missing when there are
 //   pages.

@@ -1,24 +1,14 @@
-// Trace files composed byte by byte, read back, and shown by kztrace; and a file that is read while it is written.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/prctl.h>
+// Trace files composed byte by byte, read back, and shown by kztrace.
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <bit>
-#include <chrono>
 #include <cmath>
-#include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
-#include <variant>
 #include <vector>
 
 #include <gmock/gmock.h>
@@ -28,8 +18,8 @@
 #include "reader/message.h"
 #include "reader/reader.h"
 #include "reader/time.h"
+#include "tests/support/composed.h"
 #include "tests/support/tempdir.h"
-#include "trace/publish.h"
 #include "trace/trace_format.h"
 
 using testing::ElementsAre;
@@ -39,67 +29,11 @@ using testing::Pair;
 using namespace std::string_view_literals;
 using kind_t = trread::fault_kind_t;
 
-static constexpr uint32_t FILE_SIZE = 4096;
-static constexpr uint32_t REST = 0; // length of a piece that takes the rest of the file
-static constexpr uint64_t SECOND = 1000000000;
-static constexpr uint64_t NOON = 1709294400 * SECOND; // 2024-03-01 12:00:00 UTC
-
-using image_bytes_t = std::vector<std::byte>;
-
-struct piece_t {
-    uint16_t kind;
-    uint32_t seqNumber;
-    uint32_t length = REST;
-    std::vector<uint32_t> body = {}; // words from offset 28 on
-    std::string_view text = {};      // behind the words
-};
-
-template <typename T> static void put(image_bytes_t *pImage, size_t offset, const T &value) {
-    memcpy(pImage->data() + offset, &value, sizeof(T));
-}
-
-// A file of the pieces, one after the other from the front; reading begins with the piece `oldest`.
-static image_bytes_t compose(const std::vector<piece_t> &pieces, size_t oldest, uint32_t size = FILE_SIZE) {
-    image_bytes_t image(size);
-    trace_file_header_t header = {};
-    header.uProperties = std::endian::native == std::endian::little ? TR_PROPERTY_LITTLE_ENDIAN : 0;
-    header.uVersion = TR_VERSION;
-    header.uOffset = TR_DATA_OFFSET;
-    header.uActualFileSize = size;
-    header.timeInfo = {SECOND, NOON};
-    header.uPid = 77;
-    strcpy(header.program, "/opt/bin/tool\x1b[1m");
-    header.tz_offset = -60;
-    uint32_t offset = TR_DATA_OFFSET;
-    for (size_t i = 0; i < pieces.size(); i++) {
-        const piece_t &piece = pieces[i];
-        if (i == oldest)
-            header.uOldestRecordOffset = offset;
-        const uint32_t length = piece.length == REST ? size - offset : piece.length;
-        const uint64_t timeStamp = piece.seqNumber * uint64_t{1000};
-        put(&image, offset,
-            trace_record_header_t{
-                length, piece.kind, 0xeeee, piece.seqNumber, {'A', 'B', '\x01', 'D'}, 0x1234, timeStamp});
-        std::byte *pBody = image.data() + offset + TR_HEADER_LENGTH;
-        for (const uint32_t word : piece.body)
-            pBody = static_cast<std::byte *>(mempcpy(pBody, &word, sizeof(word)));
-        std::copy_n(reinterpret_cast<const std::byte *>(piece.text.data()), piece.text.size(), pBody);
-        offset += length;
-    }
-    put(&image, 0, header);
-    return image;
-}
-
 static std::vector<uint32_t> seqs_of(const trread::batch_t &batch) {
     std::vector<uint32_t> seqs;
     for (const auto &record : batch.records)
         seqs.push_back(record.seqNumber);
     return seqs;
-}
-
-static void write_file(const std::string &path, const image_bytes_t &image) {
-    std::ofstream out(path, std::ios::binary); // the same file when it is there already
-    out.write(reinterpret_cast<const char *>(image.data()), static_cast<std::streamsize>(image.size()));
 }
 
 static trread::trace_file_t open_file(const std::string &path) {
@@ -267,141 +201,6 @@ TEST(Reader, FollowsAndTellsWhatWasLost) {
     }
 }
 
-// A writer in its order of stores, as fast as it can; the values of a record tell its sequence number.
-class model_writer_t {
-  public:
-    explicit model_writer_t(std::byte *pMap_) : pMap(pMap_), size(at<trace_file_header_t>(0)->uActualFileSize) {
-    }
-    void record(uint32_t numValues) {
-        const uint32_t length = static_cast<uint32_t>(sizeof(trace_record_values_t)) + 4 * numValues;
-        const uint32_t offset = reserve(length);
-        auto *pRecord = at<trace_record_values_t>(offset);
-        pRecord->number = numValues;
-        for (uint32_t i = 0; i < numValues; i++)
-            *at<uint32_t>(offset + sizeof(trace_record_values_t) + size_t{4} * i) = value_of(seqNumber, i);
-        publish<uint16_t>(&pRecord->header.function, TR_KIND_VALUES_32);
-    }
-    static uint32_t value_of(uint32_t seqNumber, uint32_t i) {
-        return (seqNumber + i) * 2654435761U;
-    }
-
-  private:
-    template <typename T> volatile T *at(size_t offset) {
-        return reinterpret_cast<volatile T *>(pMap + offset);
-    }
-    uint32_t take_over(uint32_t length) {
-        auto *pHead = at<trace_record_header_t>(next);
-        publish<uint16_t>(&pHead->function, TR_KIND_RESERVED);
-        publish(&pHead->length, length);
-        seqNumber += TR_SEQ_STEP;
-        publish(&pHead->seqNumber, seqNumber);
-        return next;
-    }
-    void set_oldest(uint32_t offset) {
-        next = offset;
-        publish(&at<trace_file_header_t>(0)->uOldestRecordOffset, offset);
-    }
-    uint32_t reserve(uint32_t length) {
-        uint32_t covered = 0;
-        for (uint32_t offset = next; covered < length + TR_HEADER_LENGTH;) {
-            const uint32_t step = at<trace_record_header_t>(offset)->length;
-            covered += step;
-            offset += step;
-            if (offset == size && covered < length + TR_HEADER_LENGTH) {
-                const uint32_t filler = take_over(covered);
-                set_oldest(TR_DATA_OFFSET);
-                publish<uint16_t>(&at<trace_record_header_t>(filler)->function, TR_KIND_FREE);
-                offset = TR_DATA_OFFSET;
-                covered = 0;
-            }
-        }
-        const uint32_t offset = take_over(covered);
-        if (covered == length + TR_HEADER_LENGTH) {
-            set_oldest(offset + covered == size ? TR_DATA_OFFSET : offset + covered);
-            return offset;
-        }
-        auto *pFree = at<trace_record_header_t>(offset + length);
-        publish(&pFree->length, covered - length);
-        publish<uint16_t>(&pFree->function, TR_KIND_FREE);
-        publish(&pFree->seqNumber, TR_SEQ_FREE);
-        publish(&at<trace_record_header_t>(offset)->length, length);
-        set_oldest(offset + length);
-        return offset;
-    }
-
-    std::byte *pMap;
-    uint32_t size, next = TR_DATA_OFFSET, seqNumber = 0;
-};
-
-static bool is_untorn(const trread::record_t &record) {
-    if (record.kind == TR_KIND_RESERVED)
-        return true;
-    const auto body = trread::decode_body(record);
-    const auto *pValues = std::get_if<trread::values_32_body_t>(&body.content);
-    uint32_t i = 0;
-    return pValues != nullptr && !body.bCut && !pValues->values.empty() &&
-           std::all_of(pValues->values.begin(), pValues->values.end(),
-                       [&](uint32_t value) { return value == model_writer_t::value_of(record.seqNumber, i++); });
-}
-
-class ReaderBesideWriter : public testing::TestWithParam<uint32_t> {};
-
-TEST_P(ReaderBesideWriter, NeverYieldsATornRecord) {
-    const tempdir_t dir;
-    const std::string path = dir.file("trace");
-    write_file(path, compose({{0, 0}}, 0, GetParam()));
-    const pid_t child = fork();
-    if (child == 0) {
-        prctl(PR_SET_PDEATHSIG, SIGKILL);
-        const int fd = open(path.c_str(), O_RDWR | O_CLOEXEC);
-        void *pMap = mmap(nullptr, GetParam(), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-        if (pMap == MAP_FAILED)
-            _exit(1);
-        model_writer_t writer(static_cast<std::byte *>(pMap));
-        for (uint32_t i = 1;; i++) {
-            writer.record(1 + i * 7919 % 61);
-            if (GetParam() > 65536 && i % 4096 == 0)
-                usleep(20000); // a slow reader of a large file would be lapped in every copy
-        }
-    }
-    auto file = open_file(path);
-    size_t numFollowed = 0, numRead = 0;
-    uint32_t last = 0;
-    const auto start = std::chrono::steady_clock::now();
-    const auto elapsed = [&start] { return std::chrono::steady_clock::now() - start; };
-    while (elapsed() < std::chrono::milliseconds(1500) ||
-           (std::min(numFollowed, numRead) <= 1000 && elapsed() < std::chrono::seconds(20))) {
-        const auto batch = file.poll();
-        EXPECT_FALSE(batch.bRestarted);
-        uint32_t numMissing = 0;
-        for (const auto &record : batch.records) {
-            ASSERT_TRUE(is_untorn(record)) << record.seqNumber;
-            ASSERT_GT(static_cast<int32_t>(record.seqNumber - last), 0);
-            numMissing += last != 0 ? (record.seqNumber - last) / TR_SEQ_STEP - 1 : 0;
-            last = record.seqNumber;
-        }
-        ASSERT_LE(numMissing, batch.numLost + 2) << "but for fillers";
-        numFollowed += batch.records.size();
-        const auto all = file.read_all();
-        for (const auto &record : all.records)
-            ASSERT_TRUE(is_untorn(record)) << record.seqNumber;
-        numRead += all.records.size();
-    }
-    kill(child, SIGKILL);
-    int status = 0;
-    ASSERT_EQ(waitpid(child, &status, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(status));
-    EXPECT_GT(numFollowed, 1000U);
-    EXPECT_GT(numRead, 1000U);
-    // Killed at any store, the writer leaves a whole file; and what it wrote last is there.
-    const auto end = file.poll();
-    EXPECT_TRUE(end.faults.empty()) << end.faults[0].text;
-    for (const auto &record : end.records)
-        EXPECT_TRUE(is_untorn(record));
-}
-
-INSTANTIATE_TEST_SUITE_P(Sizes, ReaderBesideWriter, testing::Values(4096, 65536, 262144));
-
 // Formats that go with their inserts, and all the ways in which they may not.
 TEST(Message, TakesEachConversionWithItsInsert) {
     const auto ofInt = [](int32_t value) {
@@ -461,16 +260,6 @@ TEST(Message, TakesEachConversionWithItsInsert) {
             EXPECT_EQ(message.text, row.text);
         EXPECT_EQ(message.bWhole, row.bWhole);
     }
-}
-
-// What kztrace writes to both streams, and its exit code.
-static std::pair<std::string, int> run(const std::string &arguments) {
-    // NOLINTNEXTLINE(cert-env33-c): the shell does the redirection
-    FILE *pPipe = popen(("TZ=UTC-2 " KZTRACE " 2>&1 " + arguments).c_str(), "r");
-    std::string text;
-    for (int c = fgetc(pPipe); c != EOF; c = fgetc(pPipe))
-        text += static_cast<char>(c);
-    return {text, WEXITSTATUS(pclose(pPipe))};
 }
 
 // One record of each kind, and of each kind one whose counts, lengths and offsets leave the record.

@@ -125,11 +125,18 @@ TEST_P(ReaderBesideRecorders, FindsWholeRecordsInOrder) {
         auto file = trread::trace_file_t::open(path, &reason);
         last_numbers_t last;
         size_t numFollowed = 0, numRead = 0;
+        uint32_t lastSeq = 0;
         const auto end = clock_type::now() + std::chrono::milliseconds(800);
         while ((clock_type::now() < end || std::min(numFollowed, numRead) < 100) && !HasFailure()) {
             const auto followed = file->poll(), all = file->read_all();
-            for (const auto &record : followed.records)
+            EXPECT_FALSE(followed.bRestarted);
+            uint32_t numMissing = 0;
+            for (const auto &record : followed.records) {
                 check_record(record, &last, true);
+                numMissing += lastSeq != 0 ? (record.seqNumber - lastSeq) / TR_SEQ_STEP - 1 : 0;
+                lastSeq = record.seqNumber;
+            }
+            ASSERT_LE(numMissing, followed.numLost + 2) << "but for fillers";
             check_batch(all);
             numFollowed += followed.records.size();
             numRead += all.records.size();

@@ -215,3 +215,18 @@ TEST_F(PageSets, RepairOnlyTheDamagedPage) {
         EXPECT_EQ(chain(view_t(page(2))), "52/16/2 44/12/4 16088/0/4095 @296");
     });
 }
+
+// The event's message stands in place of the start record, cut to what a record may have.
+TEST_F(PageSets, TellTheCoreEventOfTheirFile) {
+    keep_in_pages("3");
+    in_child([&] {
+        EXPECT_EQ(tr_core_event_1("other", "first") + tr_core_event_1(path.c_str(), "it died"), 0);
+        ASSERT_EQ(start(path, "49152"), 0);
+        EXPECT_EQ(chain(view_t(page(1))), "60/19/2 16124/0/4095 @260");
+        EXPECT_EQ(std::string(view_t(page(1)).pBytes + 252), "it died");
+        EXPECT_EQ(tr_core_event_1(page(1).c_str(), std::string(20000, 'm').c_str()) + tr_set_size_1(60000), 0);
+        EXPECT_EQ(strlen(view_t(page(1)).pBytes + 252), 10140U - 52 - 1);
+        EXPECT_EQ(tr_core_event_1(path.c_str(), nullptr) + tr_set_size_1(49152), 0);
+        EXPECT_EQ(chain(view_t(page(1))), "52/16/2 20228/0/4095 @252");
+    });
+}

@@ -348,17 +348,3 @@ TEST_F(Spool, ReportsWherePagesGo) {
         EXPECT_EQ(report()[2], "c.1.sp (1 page) -> /off");
     });
 }
-
-TEST_F(Spool, ACoreEventIsMeantForOneFile) {
-    in_child([] {
-        char message[TR_CORE_MESSAGE_SIZE] = "";
-        const auto get = [&](const char *pName, const char *pBase) {
-            return get_core_message(pName, pBase, message, sizeof message);
-        };
-        EXPECT_EQ(tr_core_event_1("b", "first") | tr_core_event_1("a", std::string(2000, 'm').c_str()), 0);
-        EXPECT_TRUE(get("a.1.sp", "a") && get("a", nullptr) && !get("a.1.sp", "b") && !get("b", nullptr));
-        EXPECT_EQ(message, std::string(TR_CORE_MESSAGE_SIZE - 1, 'm'));
-        EXPECT_EQ(tr_core_event_1("a", nullptr), 0);
-        EXPECT_FALSE(get("a", nullptr));
-    });
-}

@@ -7,7 +7,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <type_traits>
 
 #include "trace/engine/allocate.h"
 #include "trace/engine/engine.h"
@@ -30,28 +29,26 @@ inline void store_comp_id(uint8_t *pRec, const char *pCompId) {
 }
 
 // Copies the caller's bytes into a record. In line: most texts and blocks are short, and a call costs more than the copy.
+// The last pieces overlap, so that any length takes few of them.
 inline void store_bytes(uint8_t *pTo, const void *pFrom, size_t length) {
     constexpr size_t SHORT = 128;
+    const auto *const pByte = static_cast<const uint8_t *>(pFrom);
     if (length > SHORT) {
         memcpy(pTo, pFrom, length);
-        return;
+    } else if (length >= 16) {
+        for (size_t i = 0; i < length - 16; i += 16)
+            memcpy(pTo + i, pByte + i, 16);
+        memcpy(pTo + length - 16, pByte + length - 16, 16);
+    } else if (length >= 8) {
+        memcpy(pTo, pByte, 8);
+        memcpy(pTo + length - 8, pByte + length - 8, 8);
+    } else if (length >= 4) {
+        memcpy(pTo, pByte, 4);
+        memcpy(pTo + length - 4, pByte + length - 4, 4);
+    } else {
+        for (size_t i = 0; i < length; i++)
+            pTo[i] = pByte[i];
     }
-    auto *pByte = static_cast<const uint8_t *>(pFrom);
-    const auto copy = [&](auto size) {
-        memcpy(pTo, pByte, size);
-        pTo += size;
-        pByte += size;
-    };
-    for (; length >= 16; length -= 16)
-        copy(std::integral_constant<size_t, 16>{});
-    if ((length & 8) != 0)
-        copy(std::integral_constant<size_t, 8>{});
-    if ((length & 4) != 0)
-        copy(std::integral_constant<size_t, 4>{});
-    if ((length & 2) != 0)
-        copy(std::integral_constant<size_t, 2>{});
-    if ((length & 1) != 0)
-        *pTo = *pByte;
 }
 
 constexpr int32_t TR_RECORDED = 0;

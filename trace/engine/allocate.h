@@ -51,13 +51,13 @@ inline uint32_t next_seq(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
 // behind may take over from pNextFree on, or 0 when a record on the way needs a closer look: a held one, a start record, a
 // harmed one, or the end of the ring. What the mapping says is read once and checked.
 //
-// Nothing but a position and a sum, which stay in registers: what is stored on the way of a record counts in full.
-TR_INLINE uint32_t find_room(const trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock) {
-    const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
-    const uint8_t *pRec = pAnchor->pNextFree;
+// Its state is a position, which stays in a register: what is stored on the way of a record counts in full.
+TR_INLINE uint64_t find_room(const trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock) {
+    const uint8_t *const pFirst = pAnchor->pNextFree;
     const uint8_t *const pMapEnd = pAnchor->pMapEnd;
     const uint32_t *const pSeqLock = &header_of(pAnchor->pMap)->uSeqLock;
-    uint64_t room = 0;
+    const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
+    const uint8_t *pRec = pFirst;
     do {
         const auto rest = static_cast<uint64_t>(pMapEnd - pRec);
         if (rest < TR_HEADER_LENGTH) [[unlikely]]
@@ -66,10 +66,9 @@ TR_INLINE uint32_t find_room(const trace_anchor_t *pAnchor, uint32_t length) TR_
         if (record_seq(pRec) == observe(pSeqLock) || record_kind(pRec) == TR_KIND_START ||
             recLength < TR_HEADER_LENGTH || recLength > rest) [[unlikely]]
             return 0;
-        room += recLength;
         pRec += recLength;
-    } while (room < needed);
-    return static_cast<uint32_t>(room);
+    } while (static_cast<uint64_t>(pRec - pFirst) < needed);
+    return static_cast<uint64_t>(pRec - pFirst);
 }
 
 // Reserves space with a closer look at each record.
@@ -123,10 +122,10 @@ TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *
     }
     if (length % 2 != 0) [[unlikely]]
         log_odd_length(length);
-    const uint32_t room = find_room(pAnchor, length);
+    const uint64_t room = find_room(pAnchor, length);
     if (room == 0) [[unlikely]]
         return allocate_carefully(pAnchor, length);
-    return place_record(pAnchor, length, room);
+    return place_record(pAnchor, length, static_cast<uint32_t>(room));
 }
 
 // Reserves a record of `*pReqLength` bytes, header included, a multiple of 4. Its kind is TR_KIND_RESERVED and its

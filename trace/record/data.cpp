@@ -69,6 +69,16 @@ static int32_t write_blocks(trace_anchor_t *pAnchor, const char *pCompId, uint32
     return TR_RECORDED;
 }
 
+// The record of a block that is longer than any the file accepts: no block.
+TR_COLD static int32_t write_no_block(trace_anchor_t *pAnchor, const char *pCompId, uint32_t traceId)
+    TR_HOLDS(anchor_set_lock) {
+    uint8_t *const pRec = begin_data(pAnchor, TR_DATA_HEAD, pCompId, traceId, 0);
+    if (pRec == nullptr)
+        return TR_NOT_RESERVED;
+    publish_kind(pRec, TR_KIND_DATA);
+    return TR_RECORDED;
+}
+
 // A block as next() yields it in record_one().
 struct block_t {
     const void *pBytes;
@@ -83,25 +93,24 @@ TR_INLINE static int32_t record_one(const char *pCompId, uint32_t traceId, tr_fi
         return 0;
     if (!is_comp_id(pCompId))
         return TR_RC_NO_COMPONENT_ID;
-    return record_in_frame(
-        anchor_of(fileToken), [&](trace_anchor_t *pAnchor, uint32_t uMaxSize) TR_HOLDS(anchor_set_lock) {
-            const block_t block = next();
-            if (block.pBytes == nullptr)
-                return TR_RC_BLOCK_NULL;
-            if (block.length > TR_MAX_BLOCK_LENGTH)
-                return TR_RC_BLOCK_LENGTH;
-            const uint32_t wanted = TR_DATA_HEAD + stride_of(block.length);
-            const bool bFits = wanted <= uMaxSize; // else there is no block in the record
-            uint8_t *const pRec = begin_data(pAnchor, bFits ? wanted : TR_DATA_HEAD, pCompId, traceId, bFits ? 1 : 0);
-            if (pRec == nullptr) [[unlikely]]
-                return TR_NOT_RESERVED;
-            if (bFits) [[likely]] {
-                store_at(pRec + TR_DATA_HEAD, block.length);
-                store_bytes(pRec + TR_DATA_HEAD + sizeof(trace_data_t), block.pBytes, block.length);
-            }
-            publish_kind(pRec, TR_KIND_DATA);
-            return TR_RECORDED;
-        });
+    return record_in_frame(anchor_of(fileToken),
+                           [&](trace_anchor_t *pAnchor, uint32_t uMaxSize) TR_HOLDS(anchor_set_lock) {
+                               const block_t block = next();
+                               if (block.pBytes == nullptr)
+                                   return TR_RC_BLOCK_NULL;
+                               if (block.length > TR_MAX_BLOCK_LENGTH)
+                                   return TR_RC_BLOCK_LENGTH;
+                               const uint32_t wanted = TR_DATA_HEAD + stride_of(block.length);
+                               if (wanted > uMaxSize) [[unlikely]]
+                                   return write_no_block(pAnchor, pCompId, traceId);
+                               uint8_t *const pRec = begin_data(pAnchor, wanted, pCompId, traceId, 1);
+                               if (pRec == nullptr) [[unlikely]]
+                                   return TR_NOT_RESERVED;
+                               store_at(pRec + TR_DATA_HEAD, block.length);
+                               store_bytes(pRec + TR_DATA_HEAD + sizeof(trace_data_t), block.pBytes, block.length);
+                               publish_kind(pRec, TR_KIND_DATA);
+                               return TR_RECORDED;
+                           });
 }
 
 static int32_t record_list(const char *pCompId, uint32_t traceId, tr_file_token_t fileToken, uint32_t blkCount,

@@ -71,15 +71,17 @@ bool may_be_placed(trace_anchor_t *pAnchor, uint32_t length) {
     return uint64_t{length} + TR_HEADER_LENGTH <= static_cast<uint64_t>(pAnchor->pMapEnd - pAnchor->pWrap);
 }
 
-// ---- The walk ----
+// ---- The walk, with a closer look ----
 
-// A ring can't have more records than this; long records may need the ring twice.
-bool is_walk_too_long(const trace_anchor_t *pAnchor, uint32_t length, uint64_t numSteps) {
+// Whether a walk made more steps than the ring can have records; long records may need the ring twice.
+static bool is_walk_too_long(const trace_anchor_t *pAnchor, uint32_t length, uint64_t numSteps)
+    TR_HOLDS(anchor_set_lock) {
     const uint64_t bound = std::max(pAnchor->uRequestedFileSize, pAnchor->uActualFileSize) / TR_HEADER_LENGTH;
     return numSteps > (length > pAnchor->uMaxSize ? 2 * bound : bound);
 }
 
-uint32_t repair_length(uint8_t *pRec, const uint8_t *pMapEnd, uint32_t badLength) {
+// Cuts a length that leads past the mapping so that it reaches its end exactly. Returns the new length.
+static uint32_t repair_length(uint8_t *pRec, const uint8_t *pMapEnd, uint32_t badLength) {
     debug_line("Bad length: len: 0x%X (%u), pNextRec: 0x%X (%u), pMapEnd: 0x%X (%u)\n", badLength, badLength,
                low_address(pRec), low_address(pRec), low_address(pMapEnd), low_address(pMapEnd));
     const auto length = static_cast<uint32_t>(pMapEnd - pRec);
@@ -87,7 +89,9 @@ uint32_t repair_length(uint8_t *pRec, const uint8_t *pMapEnd, uint32_t badLength
     return length;
 }
 
-void go_to_front(trace_anchor_t *pAnchor, uint32_t accumulated) {
+// The walk reached the end of the ring: what it took over so far becomes a filler up to there, and the next record goes
+// to the front.
+static void go_to_front(trace_anchor_t *pAnchor, uint32_t accumulated) TR_HOLDS(anchor_set_lock) {
     uint8_t *const pFiller = pAnchor->pNextFree;
     publish_kind(pFiller, TR_KIND_RESERVED);
     pAnchor->pNextFree = pAnchor->pWrap;
@@ -97,7 +101,68 @@ void go_to_front(trace_anchor_t *pAnchor, uint32_t accumulated) {
     publish_kind(pFiller, TR_KIND_FREE);
 }
 
-uint8_t *place_over_start(trace_anchor_t *pAnchor, uint32_t length, uint32_t room, const uint8_t *pStart) {
+// The records that a reservation takes over, from pNextFree on. Positions are private; what the mapping says is read once
+// and checked.
+struct walk_t {
+    uint8_t *pRec;              // the next to be taken over
+    uint64_t uSize;             // bytes taken over
+    uint32_t uStartOffset;      // in the mapping, of the last start record among them; 0: none
+    bool bWrapped;              // went back to the front
+    trace_damage_kind_t damage; // met
+};
+
+// Takes over one record. Returns whether the walk is over: `needed` bytes are there, or damage was met.
+static bool take_record(trace_anchor_t *pAnchor, walk_t *pWalk, uint64_t needed) TR_HOLDS(anchor_set_lock) {
+    const uint8_t *const pMapEnd = pAnchor->pMapEnd;
+    auto rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
+    if (rest < TR_HEADER_LENGTH) [[unlikely]] {
+        if (rest == 0 && is_page(pAnchor)) {
+            pWalk->damage = TR_DAMAGE_PAGE_FULL;
+            return true;
+        }
+        if (rest != 0 || pWalk->bWrapped) { // the latter is a safeguard: what no ring could hold was refused before
+            pWalk->damage = rest != 0 ? TR_DAMAGE_OVERRUN : TR_DAMAGE_OVERWRAP;
+            return true;
+        }
+        go_to_front(pAnchor, static_cast<uint32_t>(pWalk->uSize));
+        pWalk->bWrapped = true;
+        pWalk->pRec = pAnchor->pWrap;
+        pWalk->uSize = 0;
+        rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
+    }
+    uint8_t *const pRec = pWalk->pRec;
+    const uint32_t seqNumber = record_seq(pRec);
+    if (seqNumber == observe(&header_of(pAnchor->pMap)->uSeqLock)) [[unlikely]]
+        wait_tail(pAnchor, seqNumber);
+    if (record_kind(pRec) == TR_KIND_START) [[unlikely]] {
+        if (rest >= sizeof(trace_record_start_t))
+            pWalk->uStartOffset = static_cast<uint32_t>(pRec - pAnchor->pMap);
+    }
+    uint32_t recLength = record_length(pRec);
+    if (recLength > rest) [[unlikely]]
+        recLength = repair_length(pRec, pMapEnd, recLength);
+    pWalk->uSize += recLength;
+    pWalk->pRec = pRec + recLength;
+    return pWalk->uSize >= needed;
+}
+
+// Walks until there is room for `length` bytes and a free record behind, or damage is met.
+static walk_t walk_carefully(trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock) {
+    const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
+    walk_t walk = {
+        .pRec = pAnchor->pNextFree, .uSize = 0, .uStartOffset = 0, .bWrapped = false, .damage = TR_DAMAGE_NONE};
+    for (uint64_t numSteps = 0; !take_record(pAnchor, &walk, needed); numSteps++) {
+        if (is_walk_too_long(pAnchor, length, numSteps + 1)) {
+            walk.damage = TR_DAMAGE_LOOP;
+            break;
+        }
+    }
+    return walk;
+}
+
+// Places a record that takes over a start record: the header inherits what that one said.
+static uint8_t *place_over_start(trace_anchor_t *pAnchor, uint32_t length, uint32_t room, const uint8_t *pStart)
+    TR_HOLDS(anchor_set_lock) {
     const auto timeInfo = load_at<cu_timeinfo_t>(pStart + offsetof(trace_record_start_t, timeInfo));
     const auto pid = load_at<uint32_t>(pStart + offsetof(trace_record_start_t, pid));
     uint8_t *const pRec = place_record(pAnchor, length, room);
@@ -114,11 +179,19 @@ uint8_t *front_of_ring(trace_anchor_t *pAnchor) {
     return pAnchor->pMap + TR_DATA_OFFSET; // where readers begin: before a note, too
 }
 
-void end_walk(trace_anchor_t *pAnchor, trace_damage_kind_t kind, uint32_t length) {
-    if (kind == TR_DAMAGE_PAGE_FULL)
+uint8_t *allocate_carefully(trace_anchor_t *pAnchor, uint32_t length) {
+    const walk_t walk = walk_carefully(pAnchor, length);
+    if (walk.damage == TR_DAMAGE_PAGE_FULL) {
         pAnchor->bFull = true;
-    else
-        note_damage(pAnchor, kind, length);
+        return nullptr;
+    }
+    if (walk.damage != TR_DAMAGE_NONE) {
+        note_damage(pAnchor, walk.damage, length);
+        return nullptr;
+    }
+    const auto room = static_cast<uint32_t>(walk.uSize);
+    return walk.uStartOffset != 0 ? place_over_start(pAnchor, length, room, pAnchor->pMap + walk.uStartOffset)
+                                  : place_record(pAnchor, length, room);
 }
 
 void log_odd_length(uint32_t length) {

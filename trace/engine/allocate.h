@@ -40,25 +40,11 @@ TR_COLD void wait_tail(trace_anchor_t *pAnchor, uint32_t seqNumber) TR_HOLDS(anc
 // may ask the reader to catch up and wait for up to 0.5 s, a cancellation point. Returns whether the record is placed.
 TR_COLD bool may_be_placed(trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock);
 
-// Whether a walk made more steps than the ring can have records.
-TR_COLD bool is_walk_too_long(const trace_anchor_t *pAnchor, uint32_t length, uint64_t numSteps)
-    TR_HOLDS(anchor_set_lock);
-
-// Cuts a length that leads past the mapping so that it reaches its end exactly. Returns the new length.
-TR_COLD uint32_t repair_length(uint8_t *pRec, const uint8_t *pMapEnd, uint32_t badLength);
-
-// The walk reached the end of the ring: what it took over so far becomes a filler up to there, and the next record goes
-// to the front.
-__attribute__((noinline)) void go_to_front(trace_anchor_t *pAnchor, uint32_t accumulated) TR_HOLDS(anchor_set_lock);
-
 TR_COLD void log_odd_length(uint32_t length);
 
 // A record filled the ring to its very end. Returns where the next one goes: to the front, but in a page, where nothing
 // may be written over, behind the switch to the next page.
 TR_COLD uint8_t *front_of_ring(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock);
-
-// The walk ended without room: notes the damage, or that the page is full.
-TR_COLD void end_walk(trace_anchor_t *pAnchor, trace_damage_kind_t kind, uint32_t length) TR_HOLDS(anchor_set_lock);
 
 // The same reservation in the pages behind a full one; null when the page is not full.
 TR_COLD uint8_t *allocate_in_next_page(trace_anchor_t *pFull, const uint32_t *pReqLength) TR_HOLDS(anchor_set_lock);
@@ -69,72 +55,33 @@ inline uint32_t next_seq(trace_anchor_t *pAnchor) TR_HOLDS(anchor_set_lock) {
     return pAnchor->seqNumber += TR_SEQ_STEP;
 }
 
-// The records that a reservation takes over, from pNextFree on. Positions are private; what the mapping says is read once
-// and checked.
-struct walk_t {
-    uint8_t *pRec;              // the next to be taken over
-    uint64_t uSize;             // bytes taken over
-    uint32_t uStartOffset;      // in the mapping, of the last start record among them; 0: none
-    bool bWrapped;              // went back to the front
-    trace_damage_kind_t damage; // met
-};
-
-// Takes over one record. Returns whether the walk is over: `needed` bytes are there, or damage was met.
-TR_INLINE bool take_record(trace_anchor_t *pAnchor, walk_t *pWalk, uint64_t needed) TR_HOLDS(anchor_set_lock) {
+// Walks over whole records that nobody holds, as nearly all are. Returns the bytes that `length` bytes and a free record
+// behind may take over from pNextFree on, or 0 when a record on the way needs a closer look: a held one, a start record, a
+// harmed one, or the end of the ring. What the mapping says is read once and checked.
+//
+// Its state is a position, which stays in a register: what is stored on the way of a record counts in full.
+TR_INLINE uint64_t find_room(const trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock) {
+    const uint8_t *const pFirst = pAnchor->pNextFree;
     const uint8_t *const pMapEnd = pAnchor->pMapEnd;
-    auto rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
-    if (rest < TR_HEADER_LENGTH) [[unlikely]] {
-        if (rest == 0 && is_page(pAnchor)) {
-            pWalk->damage = TR_DAMAGE_PAGE_FULL;
-            return true;
-        }
-        if (rest != 0 || pWalk->bWrapped) { // the latter is a safeguard: what no ring could hold was refused before
-            pWalk->damage = rest != 0 ? TR_DAMAGE_OVERRUN : TR_DAMAGE_OVERWRAP;
-            return true;
-        }
-        go_to_front(pAnchor, static_cast<uint32_t>(pWalk->uSize));
-        pWalk->bWrapped = true;
-        pWalk->pRec = pAnchor->pWrap;
-        pWalk->uSize = 0;
-        rest = static_cast<uint64_t>(pMapEnd - pWalk->pRec);
-    }
-    uint8_t *const pRec = pWalk->pRec;
-    const uint32_t seqNumber = record_seq(pRec);
-    if (seqNumber == observe(&header_of(pAnchor->pMap)->uSeqLock)) [[unlikely]]
-        wait_tail(pAnchor, seqNumber);
-    if (record_kind(pRec) == TR_KIND_START) [[unlikely]] {
-        if (rest >= sizeof(trace_record_start_t))
-            pWalk->uStartOffset = static_cast<uint32_t>(pRec - pAnchor->pMap);
-    }
-    uint32_t recLength = record_length(pRec);
-    if (recLength > rest) [[unlikely]]
-        recLength = repair_length(pRec, pMapEnd, recLength);
-    pWalk->uSize += recLength;
-    pWalk->pRec = pRec + recLength;
-    return pWalk->uSize >= needed;
+    const uint32_t *const pSeqLock = &header_of(pAnchor->pMap)->uSeqLock;
+    const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
+    const uint8_t *pRec = pFirst;
+    do {
+        const auto rest = static_cast<uint64_t>(pMapEnd - pRec);
+        if (rest < TR_HEADER_LENGTH) [[unlikely]]
+            return 0;
+        const uint32_t recLength = record_length(pRec);
+        if (record_seq(pRec) == observe(pSeqLock) || record_kind(pRec) == TR_KIND_START ||
+            recLength < TR_HEADER_LENGTH || recLength > rest) [[unlikely]]
+            return 0;
+        pRec += recLength;
+    } while (static_cast<uint64_t>(pRec - pFirst) < needed);
+    return static_cast<uint64_t>(pRec - pFirst);
 }
 
-// Walks until there is room for `length` bytes and a free record behind, or damage is met.
-TR_INLINE walk_t find_room(trace_anchor_t *pAnchor, uint32_t length) TR_HOLDS(anchor_set_lock) {
-    // Every ring may have this many records; only a longer walk has its bound worked out.
-    constexpr uint64_t UNBOUNDED_STEPS = TR_MIN_FILE_SIZE / TR_HEADER_LENGTH;
-    const uint64_t needed = uint64_t{length} + TR_HEADER_LENGTH;
-    walk_t walk = {
-        .pRec = pAnchor->pNextFree, .uSize = 0, .uStartOffset = 0, .bWrapped = false, .damage = TR_DAMAGE_NONE};
-    // Records of one size take two steps: these are not counted.
-    if (take_record(pAnchor, &walk, needed))
-        return walk;
-    if (take_record(pAnchor, &walk, needed)) [[likely]]
-        return walk;
-    for (uint64_t numSteps = 2;; numSteps++) {
-        if (numSteps > UNBOUNDED_STEPS && is_walk_too_long(pAnchor, length, numSteps)) [[unlikely]] {
-            walk.damage = TR_DAMAGE_LOOP;
-            return walk;
-        }
-        if (take_record(pAnchor, &walk, needed))
-            return walk;
-    }
-}
+// Reserves space with a closer look at each record.
+__attribute__((noinline)) uint8_t *allocate_carefully(trace_anchor_t *pAnchor, uint32_t length)
+    TR_HOLDS(anchor_set_lock);
 
 // ---- Placing ----
 
@@ -171,10 +118,6 @@ TR_INLINE uint8_t *place_record(trace_anchor_t *pAnchor, uint32_t length, uint32
     return pRec;
 }
 
-// The same for a record that takes over a start record: the header inherits what that one said.
-TR_COLD uint8_t *place_over_start(trace_anchor_t *pAnchor, uint32_t length, uint32_t room, const uint8_t *pStart)
-    TR_HOLDS(anchor_set_lock);
-
 // Reserves space in one file or page.
 TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *pReqLength) TR_HOLDS(anchor_set_lock) {
     const uint32_t uMaxSize = pAnchor->uMaxSize;
@@ -187,15 +130,10 @@ TR_INLINE uint8_t *allocate_space_page(trace_anchor_t *pAnchor, const uint32_t *
     }
     if (length % 2 != 0) [[unlikely]]
         log_odd_length(length);
-    const walk_t walk = find_room(pAnchor, length);
-    if (walk.damage != TR_DAMAGE_NONE) [[unlikely]] {
-        end_walk(pAnchor, walk.damage, length);
-        return nullptr;
-    }
-    const auto room = static_cast<uint32_t>(walk.uSize);
-    if (walk.uStartOffset != 0) [[unlikely]]
-        return place_over_start(pAnchor, length, room, pAnchor->pMap + walk.uStartOffset);
-    return place_record(pAnchor, length, room);
+    const uint64_t room = find_room(pAnchor, length);
+    if (room == 0) [[unlikely]]
+        return allocate_carefully(pAnchor, length);
+    return place_record(pAnchor, length, static_cast<uint32_t>(room));
 }
 
 // Reserves a record of `*pReqLength` bytes, header included, a multiple of 4, in a plain file or in the page of a set that

@@ -69,32 +69,48 @@ static int32_t write_blocks(trace_anchor_t *pAnchor, const char *pCompId, uint32
     return TR_RECORDED;
 }
 
-// One block, as most calls have: nothing goes through memory of our own.
-static int32_t record_one(const char *pCompId, uint32_t traceId, tr_file_token_t fileToken, const void *pBlock,
-                          int32_t length) {
+// The record of a block that is longer than any the file accepts: no block.
+TR_COLD static int32_t write_no_block(trace_anchor_t *pAnchor, const char *pCompId, uint32_t traceId)
+    TR_HOLDS(anchor_set_lock) {
+    uint8_t *const pRec = begin_data(pAnchor, TR_DATA_HEAD, pCompId, traceId, 0);
+    if (pRec == nullptr)
+        return TR_NOT_RESERVED;
+    publish_kind(pRec, TR_KIND_DATA);
+    return TR_RECORDED;
+}
+
+// A block as next() yields it in record_one().
+struct block_t {
+    const void *pBytes;
+    uint32_t length; // of a negative one: too long
+};
+
+// One block, as most calls have, which next() reads behind the lock: what a call loads before it has the lock counts in
+// full, a tenth of a floor here.
+template <typename Next>
+TR_INLINE static int32_t record_one(const char *pCompId, uint32_t traceId, tr_file_token_t fileToken, Next next) {
     if (is_switched_off())
         return 0;
     if (!is_comp_id(pCompId))
         return TR_RC_NO_COMPONENT_ID;
-    return record_in_frame(
-        anchor_of(fileToken), [=](trace_anchor_t *pAnchor, uint32_t uMaxSize) TR_HOLDS(anchor_set_lock) {
-            const auto blockLength = static_cast<uint32_t>(length); // a negative one is too long
-            if (pBlock == nullptr)
-                return TR_RC_BLOCK_NULL;
-            if (blockLength > TR_MAX_BLOCK_LENGTH)
-                return TR_RC_BLOCK_LENGTH;
-            const uint32_t wanted = TR_DATA_HEAD + stride_of(blockLength);
-            const bool bFits = wanted <= uMaxSize; // else there is no block in the record
-            uint8_t *const pRec = begin_data(pAnchor, bFits ? wanted : TR_DATA_HEAD, pCompId, traceId, bFits ? 1 : 0);
-            if (pRec == nullptr) [[unlikely]]
-                return TR_NOT_RESERVED;
-            if (bFits) [[likely]] {
-                store_at(pRec + TR_DATA_HEAD, blockLength);
-                store_bytes(pRec + TR_DATA_HEAD + sizeof(trace_data_t), pBlock, blockLength);
-            }
-            publish_kind(pRec, TR_KIND_DATA);
-            return TR_RECORDED;
-        });
+    return record_in_frame(anchor_of(fileToken),
+                           [&](trace_anchor_t *pAnchor, uint32_t uMaxSize) TR_HOLDS(anchor_set_lock) {
+                               const block_t block = next();
+                               if (block.pBytes == nullptr)
+                                   return TR_RC_BLOCK_NULL;
+                               if (block.length > TR_MAX_BLOCK_LENGTH)
+                                   return TR_RC_BLOCK_LENGTH;
+                               const uint32_t wanted = TR_DATA_HEAD + stride_of(block.length);
+                               if (wanted > uMaxSize) [[unlikely]]
+                                   return write_no_block(pAnchor, pCompId, traceId);
+                               uint8_t *const pRec = begin_data(pAnchor, wanted, pCompId, traceId, 1);
+                               if (pRec == nullptr) [[unlikely]]
+                                   return TR_NOT_RESERVED;
+                               store_at(pRec + TR_DATA_HEAD, block.length);
+                               store_bytes(pRec + TR_DATA_HEAD + sizeof(trace_data_t), block.pBytes, block.length);
+                               publish_kind(pRec, TR_KIND_DATA);
+                               return TR_RECORDED;
+                           });
 }
 
 static int32_t record_list(const char *pCompId, uint32_t traceId, tr_file_token_t fileToken, uint32_t blkCount,
@@ -122,14 +138,17 @@ int32_t tr_record_data_v_1(const char *pCompId, uint32_t traceId, uint32_t blkCo
     return record_list(pCompId, traceId, nullptr, blkCount, blocks);
 }
 
-// What a variadic form does with its arguments; only the function itself can start their list.
+// What a variadic form does with its arguments; only the function itself can start their list. The list of one block is
+// one of its own, which the compiler resolves, because nobody else gets hold of it.
 #define TR_RECORD_BLOCKS(fileToken)                                                                                    \
     int32_t rc = 0;                                                                                                    \
     if (blkCount == 1) {                                                                                               \
         va_list block;                                                                                                 \
         va_start(block, blkCount);                                                                                     \
-        const void *const pBlock = va_arg(block, const void *);                                                        \
-        rc = record_one(pCompId, traceId, fileToken, pBlock, va_arg(block, int32_t));                                  \
+        rc = record_one(pCompId, traceId, fileToken, [&] {                                                             \
+            const void *const pBytes = va_arg(block, const void *);                                                    \
+            return block_t{.pBytes = pBytes, .length = static_cast<uint32_t>(va_arg(block, int32_t))};                 \
+        });                                                                                                            \
         va_end(block);                                                                                                 \
     } else {                                                                                                           \
         va_list blocks;                                                                                                \

@@ -1,4 +1,5 @@
 // Records of texts: a list of the caller's texts, or one text formatted like printf. Both are the same kind of record.
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -167,9 +168,15 @@ int32_t tr_record_string_1(const char *pCompId, const char *pString) {
 // Formats into the anchor's scratch buffer, which its lock guards, and copies from there.
 static int32_t write_formatted(trace_anchor_t *pAnchor, uint32_t uMaxSize, const char *pCompId, uint32_t traceId,
                                const char *pFormat, va_list parms) TR_HOLDS(anchor_set_lock) {
-    if (vsnprintf(pAnchor->buffer, sizeof pAnchor->buffer, pFormat, parms) < 0)
+    const int formatted = vsnprintf(pAnchor->buffer, sizeof pAnchor->buffer, pFormat, parms);
+    if (formatted < 0)
         return TR_RC_FORMATTING;
-    auto size = static_cast<uint32_t>(strlen(pAnchor->buffer) + 1); // "%c" may have ended it before the format's end
+    // The text has just been stored byte by byte: reading it back has to wait for that. So the reservation goes by the
+    // count, and a look for a zero byte that "%c" may have put before the end goes on beside it.
+    size_t textLength = std::min(static_cast<size_t>(formatted), sizeof pAnchor->buffer - 1);
+    if (memchr(pAnchor->buffer, '\0', textLength) != nullptr) [[unlikely]]
+        textLength = strlen(pAnchor->buffer);
+    auto size = static_cast<uint32_t>(textLength + 1);
     auto length = static_cast<uint32_t>(tr_round_up_4(TR_STRINGS_HEAD + size));
     if (length > uMaxSize) {
         length = uMaxSize;

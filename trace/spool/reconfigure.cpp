@@ -109,6 +109,7 @@ static void reconfigure() {
         free_spool_spec_linked_list(fresh.pFirst);
         return;
     }
+    read_spool_cfg_once(); // before the library is initialised: the first reading must not add to this one
     for (trace_spool_spec_t *pSpec = fresh.pFirst; pSpec != nullptr; pSpec = pSpec->pNext) {
         if (pSpec->onoff == 0) {
             spool_nowhere(pSpec);

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <climits>
 #include <fstream>
+#include <span>
 #include <thread>
 #include <vector>
 
@@ -133,10 +134,12 @@ TEST_F(Spool, QueueIsFirstInFirstOutAndGivesUpAllElementsOfAPage) {
     EXPECT_EQ(spool_take_back(&queue, &retired.anchor), TR_READY); // the newest and one in the middle
     EXPECT_EQ(spool_take_back(&queue, &a.anchor), TR_FULL);        // not queued any more
     std::vector<std::string> order;
+    lock_queue(&queue);
     while (sp_q_element_t *const pElem = spool_dequeue_last_element_inside_spq(&queue)) {
         order.emplace_back(pElem->pAnchor != nullptr ? pElem->pAnchor->fileName : pElem->fileName);
         free(pElem);
     }
+    unlock_queue(&queue);
     EXPECT_THAT(order, ElementsAre("file", "b"));
     EXPECT_TRUE(queue.cnt == 0 && queue.pFirst == nullptr && queue.pLast == nullptr);
 }
@@ -266,6 +269,16 @@ TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
     });
 }
 
+TEST_F(Spool, ASleepingThreadEndsAtOnce) {
+    in_child([] {
+        onLook = ask_for_configuration;
+        start_copy_thread_once();
+        EXPECT_TRUE(eventually([] { return numLooks >= 3; })); // it has not gone to sleep at the first
+        tr_term();
+        EXPECT_EQ(observe(&is_spool_running), 0);
+    });
+}
+
 static int try_queue() TR_UNCHECKED {
     timespec limit;
     clock_gettime(CLOCK_REALTIME, &limit);
@@ -326,8 +339,8 @@ static std::vector<std::string> report() {
     tr_mini_spooling_anchor_t *pEntries = nullptr;
     EXPECT_EQ(tr_get_current_spooling_status_1(&count, &pEntries), 0);
     std::vector<std::string> texts;
-    for (int32_t i = 0; i < count; i++)
-        texts.push_back(pEntries[i].fileName + std::string(" -> ") + pEntries[i].dest);
+    for (const auto &entry : std::span(pEntries, static_cast<size_t>(count)))
+        texts.push_back(entry.fileName + std::string(" -> ") + entry.dest);
     tr_release_spool_info_1(-1, pEntries);
     return texts;
 }

@@ -350,7 +350,7 @@ TEST_F(Spooling, ReconfiguresWithoutLeaving) {
             for (uint32_t i = 0; i < 10; i++)
                 take_up(stanza(dir.path() + "/.*", 5));
             const held_t after = held();
-            EXPECT_LE(after.heap, before.heap + 65536);
+            EXPECT_LE(after.heap, before.heap + 262144);
             EXPECT_EQ(after.descriptors, before.descriptors);
             EXPECT_LE(after.mappings, before.mappings + 4);
         },

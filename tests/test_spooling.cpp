@@ -367,6 +367,7 @@ TEST_F(Spooling, AllAtOnce) {
         const tr_file_token_t token = token_of(other);
         ASSERT_EQ(start(path), 0);
         recorders_t recorders({0, 1}, UINT32_MAX), others({2, 3}, UINT32_MAX, token);
+        copyDelay = 200;
         std::atomic<bool> bStop = false;
         std::thread reporter([&] {
             while (!bStop) {
@@ -382,17 +383,52 @@ TEST_F(Spooling, AllAtOnce) {
                 EXPECT_EQ(register_one("EFGH") + tr_unregister_component_1("EFGH"), 0);
             }
         });
+        std::thread walker([&] { // no page ever shows a chain that can't be walked
+            for (uint32_t i = 1; !bStop; i++) {
+                std::string reason;
+                if (auto file = trread::trace_file_t::open(path + "0." + std::to_string(i % 3 + 1) + ".sp", &reason)) {
+                    for (const auto &fault : file->read_all().faults)
+                        EXPECT_EQ(fault.kind, trread::fault_kind_t::unstable) << fault.text;
+                }
+            }
+        });
         for (uint32_t i = 0; i < 60; i++) {
             configure(stanza(dir.path() + (i % 5 == 0 ? "/o.*" : "/.*"), 3 + i % 4, i % 7 == 0 ? "OFF" : "ON"));
             std::this_thread::sleep_for(5ms);
         }
         bStop = true;
-        reporter.join();
-        settings.join();
+        for (auto *pThread : {&reporter, &settings, &walker})
+            pThread->join();
         recorders.stop();
         others.stop();
         EXPECT_EQ(tr_set_filename_1(path.c_str()), 0);
         EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
         (void)find_records({other});
     });
+}
+
+// A copy that hangs keeps a process from ending for some seconds at most, also when a recorder waits for it.
+TEST_F(Spooling, EndsBesideAHungCopy) {
+    for (const bool bRecorder : {false, true}) {
+        const int64_t before = now_ns();
+        const child_result_t result = run_in_child([&] {
+            enter_private_machine();
+            configure(stanza(dir.path() + "/.*", 3));
+            ASSERT_EQ(start(path), 0);
+            copyDelay = 60'000'000;
+            while (num_waiting() == 0)
+                EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
+            std::this_thread::sleep_for(100ms); // the copy has begun
+            if (bRecorder)
+                std::thread([] {
+                    while (true)
+                        (void)tr_record_id_1("ABCD", 1);
+                }).detach();
+            std::this_thread::sleep_for(100ms);
+            exit(0);
+        });
+        EXPECT_EQ(result.exitCode, 0);
+        EXPECT_LT(now_ns() - before, 6'000'000'000)
+            << bRecorder; // two seconds for the thread, one for each kind of lock
+    }
 }

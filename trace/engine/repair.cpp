@@ -80,12 +80,15 @@ static bool keep_damaged_file(const char *pName) {
 // set all pages are stopped and started, but only the damaged one is made anew.
 static void trace_reinit(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
     const bool bWanted = is_trace_on(pAnchor) != 0;
-    trace_anchor_t *const pPage = pAnchor->damage.pPage;
+    const trace_anchor_t *const pPage = pAnchor->damage.pPage;
+    char name[TR_NAME_SIZE];
+    memcpy(name, pPage->fileName, strlen(pPage->fileName) + 1);
+    const bool bRetired = pPage->bRetired; // it goes with the stop
     if (bWanted)
         stop_pages(pAnchor, 0);
-    const bool bKept = keep_damaged_file(pPage->fileName);
+    const bool bKept = keep_damaged_file(name);
     if (bWanted)
-        (void)restart_trace(pAnchor, bKept ? nullptr : pPage);
+        (void)restart_trace(pAnchor, bKept || bRetired ? nullptr : pPage);
     else
         reinit_in_place(pAnchor); // goes on in the renamed file until it is stopped
 }

@@ -2,6 +2,7 @@
 // the pages and their copies together afterwards.
 #include <malloc.h>
 #include <sys/stat.h>
+#include <syslog.h>
 
 #include <algorithm>
 #include <atomic>
@@ -431,4 +432,52 @@ TEST_F(Spooling, EndsBesideAHungCopy) {
         EXPECT_LT(now_ns() - before, 6'000'000'000)
             << bRecorder; // two seconds for the thread, one for each kind of lock
     }
+}
+
+// What the diagnostic lines tell of a page on its way, with the priorities that an operator filters by.
+TEST_F(Spooling, TellsTheLog) {
+    in_child([&] {
+        enter_private_machine();
+        syslog_capture_t log;
+        (void)setenv("KZ_TR_DEBUG_LEVEL", "8", 1);
+        configure(stanza(dir.path() + "/.*", 3));
+        ASSERT_EQ(start(path), 0);
+        for (uint32_t i = 0; i < 2100; i++)
+            EXPECT_EQ(tr_record_id_1("ABCD", i), 0);
+        const std::string first = path + ".1.sp", second = path + ".2.sp", own = tr_get_spool_dir_1(path.c_str());
+        while (view_t(first).get(192, 1) != TR_READY)
+            std::this_thread::sleep_for(1ms);
+        wait_for_status("(3 pages)|");
+        EXPECT_EQ(tr_copy_file_1(DEST, nullptr, 0), 1);
+        configure(stanza("/no/such", 3));
+        wait_for_status("|/dev/null");
+        const std::pair<int, std::string> expected[] = {
+            {LOG_WARNING, "/var/kz/cfg/trace.conf opened"},
+            {LOG_WARNING, "New stanza found: 'files'"},
+            {LOG_WARNING, "Field found: 'pages' = '3'"},
+            {LOG_WARNING, "Leaving spool_conf_file: 0 (flags: 0x"},
+            {LOG_WARNING, "entering mkspooldir: '/var/kz/spool'"},
+            {LOG_ERR, "mkspooldir: baseName: '"},
+            {LOG_WARNING, "creating page '" + first},
+            {LOG_WARNING, "creating page anchor '" + second},
+            {LOG_WARNING, "init_trace_header: setting " + first + " to TR_ACTIVE"},
+            {LOG_WARNING, "init_trace_header: setting " + second + " to TR_READY"},
+            {LOG_WARNING, "spool_enqueue before: EMPTY"},
+            {LOG_WARNING, "spool_enqueue after: " + first},
+            {LOG_WARNING, first + " added to queue (flags: 2); switching to " + second + " (flags: 4 cnt: 1)"},
+            {LOG_WARNING, second + " reuse (flags: 4, tid: "},
+            {LOG_WARNING, "cp_thread checking flags: 2"},
+            {LOG_WARNING, "do_spool: " + own + "/trace.1.sp.2"},
+            {LOG_WARNING, first + " removed from queue (trace file)"},
+            {LOG_WARNING, "get_current_spool_info: allocated 1 structs"},
+            {LOG_ERR, "tr_get_spool_dir returning: '/var/kz/spool/"},
+            {LOG_ERR, "tr_copy_file '(NULL)' -> '" + std::string(DEST)},
+            {LOG_WARNING, "NOT matched: '" + first + "' on '/no/such'"},
+        };
+        const auto lines = log.lines();
+        for (const auto &[priority, text] : expected) {
+            const auto at = std::ranges::find_if(lines, [&](const auto &line) { return line.text.starts_with(text); });
+            EXPECT_TRUE(at != lines.end() && (at->priority & LOG_PRIMASK) == priority) << text;
+        }
+    });
 }

@@ -13,13 +13,17 @@
 // Order: global, own, anchor set, queue, leaf. A recorder never takes the global lock while it holds an anchor-set lock.
 //
 // `pMap`, `pMapEnd`, `uActualFileSize`, `uRequestedFileSize`, `uMaxSize`, `fileName`, `spool`, `pSpoolMutex`, `pSetMutex`,
-// `ppActivePg` and `nextPage` of an anchor that recorders can reach change only with the global lock *and* its anchor-set
-// lock held, so that either of them is enough to read. `seqNumber`, `pNextFree`, `pWrap`, `damage`, `buffer` and the
-// mapped headers need the anchor-set lock alone.
+// `ppActivePg`, `nextPage` and the retired pages of an anchor that recorders can reach change only with the global lock
+// *and* its anchor-set lock held, so that either of them is enough to read. `seqNumber`, `pNextFree`, `pWrap`, `bFull`,
+// `pActivePg`, `damage`, `buffer` and the mapped headers need the anchor-set lock alone. A page of a set is unmapped, or
+// freed, only with the queue lock held in addition, when none of its elements is queued any more.
+//
+// Spooling entries belong to the global lock; the destination of one in use changes under the queue lock as well, where
+// the copy thread reads it. An entry outlives the next reconfiguration.
 //
 // Read without a lock, through observe(): `global_switch`, `global_debug_level`, `this_is_child`, `init_pid`, the choice
 // of the anchor-set lock (`pSetMutex`), `uMaxSize` when texts are measured, `next` of the anchor list, entries of token and
-// level arrays.
+// level arrays, `is_spool_running`; `pActivePg` under the global lock.
 //
 // Roles stand for the locks in clang's check: a missing lock, one kept on an early return or a wrong order fails the
 // lint build. Where two roles are one mutex, it is locked once, by whoever takes the first role.

@@ -384,12 +384,13 @@ TEST_F(Spooling, AllAtOnce) {
                 EXPECT_EQ(register_one("EFGH") + tr_unregister_component_1("EFGH"), 0);
             }
         });
-        std::thread walker([&] { // no page ever shows a chain that can't be walked
+        std::thread walker([&] { // files come and go, but none ever shows a chain that can't be walked
+            using enum trread::fault_kind_t;
             for (uint32_t i = 1; !bStop; i++) {
                 std::string reason;
                 if (auto file = trread::trace_file_t::open(path + "0." + std::to_string(i % 3 + 1) + ".sp", &reason)) {
                     for (const auto &fault : file->read_all().faults)
-                        EXPECT_EQ(fault.kind, trread::fault_kind_t::unstable) << fault.text;
+                        EXPECT_TRUE(fault.kind < length || fault.kind > straddle) << fault.text;
                 }
             }
         });

@@ -192,12 +192,12 @@ TEST_F(PageSets, SettleTheActivePage) {
         uint32_t states[3];
         const char *pExpected;
     } const cases[] = {{{1, 4, 4}, "1 4 4 "}, {{2, 1, 4}, "4 1 4 "}, {{1, 2, 1}, "4 4 1 "}, {{8, 2, 4}, "1 4 4 "}};
-    for (const auto &[before, pExpected] : cases) {
+    for (const auto &row : cases) {
         for (int i = 0; i < 3; i++)
-            view_t(page(i + 1)).put(192, before[i], 1);
+            view_t(page(i + 1)).put(192, row.states[i], 1);
         in_child([&] {
             ASSERT_EQ(start(path, "49152"), 0);
-            EXPECT_EQ(states(path), pExpected);
+            EXPECT_EQ(states(path), row.pExpected);
         });
     }
 }

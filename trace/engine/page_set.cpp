@@ -97,7 +97,8 @@ void release_page(trace_anchor_t *pPage) {
 
 void set_spool_entry(trace_anchor_t *pAnchor, trace_spool_spec_t *pSpec) {
     pthread_mutex_t *const pMutex = lock_present_set(pAnchor);
-    for (trace_anchor_t *pPage = pAnchor; pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
+    pAnchor->spool = pSpec;
+    for (trace_anchor_t *pPage = next_page_of(pAnchor, pAnchor); pPage != nullptr; pPage = next_page_of(pAnchor, pPage))
         pPage->spool = pSpec;
     for (trace_anchor_t *pPage = pAnchor->p_obsolete_pages; pPage != nullptr; pPage = pPage->nextPage)
         pPage->spool = pSpec;
@@ -138,15 +139,19 @@ static pthread_mutex_t *set_mutex_for(const trace_anchor_t *pAnchor) {
 static int32_t plan_page_set(page_set_plan_t *pPlan, trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
     const size_t baseLength = strlen(pAnchor->fileName);
     char name[TR_NAME_SIZE];
-    if (!make_page_name(name, pAnchor->fileName, baseLength, pPlan->numPages))
-        return set_error_str(TR_RC_FILE_NAME, TR_RC_FILE_NAME, pAnchor->fileName);
+    if (!make_page_name(name, pAnchor->fileName, baseLength, pPlan->numPages)) {
+        (void)set_error_str(TR_RC_FILE_NAME, TR_RC_FILE_NAME, pAnchor->fileName);
+        return TR_RC_FILE_NAME;
+    }
     (void)make_page_name(name, pAnchor->fileName, baseLength, 1);
     debug_line("creating page '%s'\n", name);
     pPlan->pMutex = set_mutex_for(pAnchor);
-    if (pPlan->pMutex == nullptr)
-        return set_error(TR_RC_NO_MEMORY, TR_RC_NO_MEMORY);
+    if (pPlan->pMutex == nullptr) {
+        (void)set_error(TR_RC_NO_MEMORY, TR_RC_NO_MEMORY);
+        return TR_RC_NO_MEMORY;
+    }
     if (pPlan->numPages <= TR_MAX_PAGES)
-        pPlan->ppPages = static_cast<trace_anchor_t **>(calloc(pPlan->numPages, sizeof(trace_anchor_t *)));
+        pPlan->ppPages = static_cast<trace_anchor_t **>(calloc(pPlan->numPages, sizeof(void *)));
     if (pPlan->ppPages == nullptr) {
         (void)set_error(TR_RC_NO_MEMORY, TR_RC_NO_MEMORY);
         return -1;

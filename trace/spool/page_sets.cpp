@@ -150,7 +150,7 @@ static void add_new_pages(trace_anchor_t *pHead, trace_anchor_t *pLast, uint32_t
     TR_HOLDS(global_lock) {
     if (numPages > TR_MAX_PAGES)
         return;
-    auto **ppPages = static_cast<trace_anchor_t **>(calloc(numPages - numOld, sizeof(trace_anchor_t *)));
+    auto **ppPages = static_cast<trace_anchor_t **>(calloc(numPages - numOld, sizeof(void *)));
     if (ppPages == nullptr)
         return;
     uint32_t numNew = 0;

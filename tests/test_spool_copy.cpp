@@ -118,6 +118,13 @@ static int32_t queue_length() {
 
 // ---- The queue ----
 
+static uint8_t take_back(sp_q_t *pQueue, trace_anchor_t *pPage) {
+    lock_queue(pQueue);
+    const uint8_t state = spool_take_back_inside_spq(pQueue, pPage);
+    unlock_queue(pQueue);
+    return state;
+}
+
 TEST_F(Spool, QueueIsFirstInFirstOutAndGivesUpAllElementsOfAPage) {
     sp_q_t queue = {nullptr, nullptr, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER};
     page_t a("a", ""), b("b", ""), retired("c", "", TR_READY);
@@ -130,9 +137,9 @@ TEST_F(Spool, QueueIsFirstInFirstOutAndGivesUpAllElementsOfAPage) {
     EXPECT_EQ(retired.queue(&queue), &a.anchor);
     (void)a.queue(&queue);
     (void)retired.queue(&queue);
-    EXPECT_EQ(spool_take_back(&queue, &a.anchor), TR_FULL);        // the oldest and one in the middle
-    EXPECT_EQ(spool_take_back(&queue, &retired.anchor), TR_READY); // the newest and one in the middle
-    EXPECT_EQ(spool_take_back(&queue, &a.anchor), TR_FULL);        // not queued any more
+    EXPECT_EQ(take_back(&queue, &a.anchor), TR_FULL);        // the oldest and one in the middle
+    EXPECT_EQ(take_back(&queue, &retired.anchor), TR_READY); // the newest and one in the middle
+    EXPECT_EQ(take_back(&queue, &a.anchor), TR_FULL);        // not queued any more
     std::vector<std::string> order;
     lock_queue(&queue);
     while (sp_q_element_t *const pElem = spool_dequeue_last_element_inside_spq(&queue)) {

@@ -41,8 +41,8 @@ TR_UNCHECKED static trace_anchor_t *find_free_page(trace_anchor_t *pFirst, const
 }
 
 // Decides whether the page may be written over without loss, and counts the times in a row that it may not.
-static void take_page(trace_anchor_t *pPage) TR_HOLDS(anchor_set_lock) {
-    const uint8_t state = spool_take_back(&spq, pPage);
+static void take_page(trace_anchor_t *pPage) TR_HOLDS(anchor_set_lock) TR_HOLDS(queue_lock) {
+    const uint8_t state = spool_take_back_inside_spq(&spq, pPage);
     if (state == TR_READY) {
         pPage->consecutiveSpoolNotCopied = 0;
         TR_SWITCH_LINE(LOG_WARNING, "reuse", pPage, state, pPage);
@@ -96,21 +96,41 @@ static void empty_page(trace_anchor_t *pPage) TR_HOLDS(anchor_set_lock) {
     pPage->pNextFree = pPage->pWrap;
 }
 
+// What becomes of the full page and of the one that takes its place.
+struct page_change_t {
+    trace_anchor_t *pPage; // becomes the active one; null: memory is short
+    bool bHeld;            // its own lock is held
+};
+
+// Queues the full page and takes the next off the queue in one hold of the queue lock: the copy of the full one can't
+// begin in between, so that the recorder waits for one copy at most.
+static page_change_t change_page(trace_anchor_t *pFull) TR_HOLDS(anchor_set_lock) TR_EXCLUDES(queue_lock) {
+    page_change_t change = {.pPage = nullptr, .bHeld = false};
+    lock_queue(&spq);
+    trace_anchor_t *const pNext = spool_enqueue_inside_spq(nullptr, nullptr, pFull, &spq, 0);
+    if (pNext != nullptr) {
+        trace_anchor_t *pMapped = nullptr;
+        change.pPage = find_free_page(pNext, pFull, &pMapped);
+        change.bHeld = change.pPage != nullptr;
+        if (!change.bHeld)
+            change.pPage = pMapped != nullptr ? pMapped : pFull;
+        take_page(change.pPage);
+        set_page_state(change.pPage, TR_ACTIVE);
+    }
+    unlock_queue(&spq);
+    return change;
+}
+
 static trace_anchor_t *switch_page(trace_anchor_t *pFull) TR_HOLDS(anchor_set_lock) {
     set_page_state(pFull, TR_FULL);
-    trace_anchor_t *const pNext = spool_enqueue(nullptr, nullptr, pFull, &spq, 0);
-    if (pNext == nullptr)
+    const page_change_t change = change_page(pFull);
+    if (change.pPage == nullptr)
         return nullptr;
-    trace_anchor_t *pMapped = nullptr;
-    trace_anchor_t *const pFree = find_free_page(pNext, pFull, &pMapped);
-    trace_anchor_t *const pPage = pFree != nullptr ? pFree : pMapped != nullptr ? pMapped : pFull;
-    take_page(pPage);
-    set_page_state(pPage, TR_ACTIVE);
-    publish(pFull->ppActivePg, pPage);
-    empty_page(pPage);
-    if (pFree != nullptr)
-        mutex_cleanup(&pFree->anchorMutex);
-    return pPage;
+    publish(pFull->ppActivePg, change.pPage);
+    empty_page(change.pPage);
+    if (change.bHeld)
+        mutex_cleanup(&change.pPage->anchorMutex);
+    return change.pPage;
 }
 
 trace_anchor_t *pageFull(trace_anchor_t *pFull) {

@@ -113,15 +113,14 @@ static trace_anchor_t *page_after(const trace_anchor_t *pPage) {
     return pPage->nextPage == nullptr || pPage->bRetired ? pPage->p_head_spool_anchor : pPage->nextPage;
 }
 
-trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anchor_t *pAnchor, sp_q_t *pQueue,
-                              int32_t del) {
+trace_anchor_t *spool_enqueue_inside_spq(const char *fileName, const char *dest, trace_anchor_t *pAnchor,
+                                         sp_q_t *pQueue, int32_t del) {
     sp_q_element_t *const pElem = new_element(fileName, dest, pAnchor, del);
     if (pElem == nullptr) {
         (void)set_error(TR_RC_NO_MEMORY, TR_RC_NO_MEMORY);
         return nullptr;
     }
     trace_anchor_t *const pNextPage = pAnchor != nullptr ? page_after(pAnchor) : nullptr;
-    lock_queue(pQueue);
     show_queued_pages(pQueue, "spool_enqueue before", show_name);
     link_as_newest(pQueue, pElem);
     show_queued_pages(pQueue, "spool_enqueue after", show_name);
@@ -129,6 +128,13 @@ trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anch
         debug_line("%s added to queue (flags: %d); switching to %s (flags: %d cnt: %d)\n", pAnchor->fileName,
                    page_state(pAnchor), pNextPage->fileName, page_state(pNextPage), pQueue->cnt);
     (void)pthread_cond_signal(&pQueue->cond);
+    return pNextPage;
+}
+
+trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anchor_t *pAnchor, sp_q_t *pQueue,
+                              int32_t del) {
+    lock_queue(pQueue);
+    trace_anchor_t *const pNextPage = spool_enqueue_inside_spq(fileName, dest, pAnchor, pQueue, del);
     unlock_queue(pQueue);
     return pNextPage;
 }
@@ -170,10 +176,8 @@ void spool_remove_page_inside_spq(sp_q_t *pQueue, const trace_anchor_t *pPage) {
     show_queued_pages(pQueue, "spool_dequeue_element after", show_name);
 }
 
-uint8_t spool_take_back(sp_q_t *pQueue, trace_anchor_t *pPage) {
-    lock_queue(pQueue);
+uint8_t spool_take_back_inside_spq(sp_q_t *pQueue, trace_anchor_t *pPage) {
     const uint8_t state = page_state(pPage);
     spool_remove_page_inside_spq(pQueue, pPage);
-    unlock_queue(pQueue);
     return state;
 }

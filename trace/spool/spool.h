@@ -69,6 +69,8 @@ uint8_t page_state(const trace_anchor_t *pPage);
 // Null for a file, and with error 14 set when memory is short.
 trace_anchor_t *spool_enqueue(const char *fileName, const char *dest, trace_anchor_t *pAnchor, sp_q_t *pQueue,
                               int32_t del) TR_EXCLUDES(queue_lock);
+trace_anchor_t *spool_enqueue_inside_spq(const char *fileName, const char *dest, trace_anchor_t *pAnchor,
+                                         sp_q_t *pQueue, int32_t del) TR_HOLDS(queue_lock);
 
 // Takes every element of a page off the queue and frees it. For pages that are about to be unmapped, freed or reused.
 void spool_remove_page_inside_spq(sp_q_t *pQueue, const trace_anchor_t *pPage) TR_HOLDS(queue_lock);
@@ -78,9 +80,9 @@ void spool_remove_page_inside_spq(sp_q_t *pQueue, const trace_anchor_t *pPage) T
 // NOLINTNEXTLINE(readability-redundant-declaration)
 extern "C" sp_q_element_t *spool_dequeue_last_element_inside_spq(sp_q_t *pQueue) TR_HOLDS(queue_lock);
 
-// Decides, in one hold of the queue lock, whether a page may be reused without loss, and takes its elements off.
+// Decides whether a page may be reused without loss, and takes its elements off.
 // Returns the state that the page had: TR_READY, or another when its copy has not been made. Cancellation is off.
-uint8_t spool_take_back(sp_q_t *pQueue, trace_anchor_t *pPage) TR_EXCLUDES(queue_lock);
+uint8_t spool_take_back_inside_spq(sp_q_t *pQueue, trace_anchor_t *pPage) TR_HOLDS(queue_lock);
 
 // ---- The copy thread (thread.cpp) ----
 

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <climits>
 #include <fstream>
 #include <map>
 #include <thread>
@@ -333,9 +334,11 @@ TEST_F(Spooling, ReconfiguresWithoutLeaving) {
                 long descriptors, mappings;
             };
             const auto held = [&] { // the least of some looks: the copy thread may be reading the configuration
-                held_t least = {SIZE_MAX, entries("/proc/self/fd"), entries("/proc/self/map_files")};
+                held_t least = {SIZE_MAX, LONG_MAX, LONG_MAX};
                 for (int i = 0; i < 20; i++) {
                     least.heap = std::min(least.heap, mallinfo2().uordblks);
+                    least.descriptors = std::min(least.descriptors, entries("/proc/self/fd"));
+                    least.mappings = std::min(least.mappings, entries("/proc/self/map_files"));
                     std::this_thread::sleep_for(1ms);
                 }
                 return least;

@@ -128,7 +128,7 @@ struct trace_anchor_t {
     dev_t device;   // of the mapped file: no file is mapped twice
     ino_t inode;
     trace_damage_t damage; // head of a page set: of any of its pages
-    uint32_t uUnpagedSize; // head of a page set: requested size in bytes before the set was built
+    uint32_t uUnpagedSize; // page: requested size in bytes before it became one
     bool bFull;            // page: filled to its very end, the next reservation takes the page that follows
     bool bRetired;         // page: on the head's list of retired pages, no longer in the ring
 };

@@ -26,13 +26,16 @@ static int32_t set_filename_locked(const char *pFileName) TR_HOLDS(global_lock) 
         stop_all_traces();
         return 0;
     }
-    if (has_base_name(&anchors, pFileName))
-        return 0; // a page set keeps the name that it was given
-    (void)stop_trace(&anchors, 0);
-    dissolve_page_set(&anchors);
+    if (strcmp(anchors.fileName, pFileName) == 0 || has_base_name(&anchors, pFileName))
+        return 0; // a page set goes by the name that it was given and by that of its first page
+    trace_anchor_t *const pHead = set_head(&anchors); // another one when a set has adopted the default file
+    (void)stop_trace(pHead, 0);
+    dissolve_page_set(pHead);
     lock_anchor_set_under_global(&anchors);
     memcpy(anchors.fileName, pFileName, strlen(pFileName) + 1); // its length was checked
     unlock_anchor_set_under_global(&anchors);
+    if (pHead != &anchors && is_trace_on(pHead) != 0)
+        (void)start_trace(pHead);
     return is_trace_on(&anchors) != 0 ? start_trace(&anchors) : 0;
 }
 

@@ -110,13 +110,20 @@ static int write_pieces(int fd, uint64_t numMissing) {
     uint8_t piece[TR_EXTEND_PIECE];
     for (size_t i = 0; i < sizeof piece; i++)
         piece[i] = static_cast<uint8_t>(i); // 0 to 255, twice over
-    int error = 0;
-    while (numMissing > 0 && error == 0) {
-        size_t numWritten = 0;
-        error = write_all(fd, piece, static_cast<size_t>(std::min<uint64_t>(numMissing, sizeof piece)), &numWritten);
-        numMissing -= numWritten;
+    size_t numLeft = 0;                     // of the present piece
+    while (numMissing > 0) {
+        if (numLeft == 0)
+            numLeft = static_cast<size_t>(std::min<uint64_t>(numMissing, sizeof piece));
+        const ssize_t numWritten = write(fd, piece, numLeft); // the rest of a piece begins at the front again
+        if (numWritten == -1) {
+            if (errno == EINTR)
+                continue;
+            return errno;
+        }
+        numLeft -= static_cast<size_t>(numWritten);
+        numMissing -= static_cast<uint64_t>(numWritten);
     }
-    return error;
+    return 0;
 }
 
 static int extend_file(int fd, uint64_t numMissing) {

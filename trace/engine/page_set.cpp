@@ -63,12 +63,21 @@ static void share_with_head(trace_anchor_t *pPage, trace_anchor_t *pHead) TR_HOL
 void join_page_set(trace_anchor_t *pPage, trace_anchor_t *pHead) {
     pthread_mutex_t *const pMutex = lock_present_set(pPage);
     stop_trace_page(pPage, 0); // of a plain file that has the page's name
+    pPage->uUnpagedSize = pPage->uRequestedFileSize;
     share_with_head(pPage, pHead);
     unlock_former_set(pMutex);
 }
 
+bool may_join(const trace_anchor_t *pPage, const trace_anchor_t *pHead) {
+    return !is_page(pPage) || set_head(pPage) == pHead;
+}
+
 // Undoes what makes an anchor a page or a head.
 static void leave_page_set(trace_anchor_t *pPage) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
+    if (is_page(pPage) && !is_set_head(pPage)) { // what it had before it joined; the set's lock is not its own
+        pPage->uRequestedFileSize = pPage->uUnpagedSize;
+        pPage->pSpoolMutex = nullptr;
+    }
     pPage->nextPage = nullptr;
     pPage->pActivePg = nullptr;
     pPage->ppActivePg = nullptr;
@@ -162,6 +171,10 @@ static int32_t plan_page_set(page_set_plan_t *pPlan, trace_anchor_t *pAnchor) TR
         pPlan->ppPages[number - 2] = getSplAnchor(pAnchor, name);
         if (pPlan->ppPages[number - 2] == nullptr)
             return -1; // error 14 is set
+        if (!may_join(pPlan->ppPages[number - 2], pAnchor)) {
+            (void)set_error_str(TR_RC_FILE_NAME, TR_RC_FILE_NAME, name);
+            return TR_RC_FILE_NAME;
+        }
     }
     return 0;
 }

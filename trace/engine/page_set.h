@@ -59,6 +59,9 @@ void set_spool_entry(trace_anchor_t *pAnchor, trace_spool_spec_t *pSpec) TR_HOLD
 // Lets a page that is in nobody's ring go: frees it, or makes it a plain file again when it is in the anchor list.
 void release_page(trace_anchor_t *pPage) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock);
 
+// Whether an anchor can become a page of the head's set: one of the list may be a page of another set.
+bool may_join(const trace_anchor_t *pPage, const trace_anchor_t *pHead);
+
 // Makes an anchor a page of the head's set, stopped when it was in use as a plain file. The caller links it.
 void join_page_set(trace_anchor_t *pPage, trace_anchor_t *pHead) TR_HOLDS(global_lock);
 

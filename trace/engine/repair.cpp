@@ -81,16 +81,13 @@ static bool keep_damaged_file(const char *pName) {
 static void trace_reinit(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_HOLDS(anchor_set_lock) {
     const bool bWanted = is_trace_on(pAnchor) != 0;
     const trace_anchor_t *const pPage = pAnchor->damage.pPage;
-    char name[TR_NAME_SIZE];
-    memcpy(name, pPage->fileName, strlen(pPage->fileName) + 1);
-    const bool bRetired = pPage->bRetired; // it goes with the stop
-    if (bWanted)
+    const bool bKept = keep_damaged_file(pPage->fileName); // first: a retired page goes when its set is stopped
+    if (bWanted) {
         stop_pages(pAnchor, 0);
-    const bool bKept = keep_damaged_file(name);
-    if (bWanted)
-        (void)restart_trace(pAnchor, bKept || bRetired ? nullptr : pPage);
-    else
+        (void)restart_trace(pAnchor, bKept ? nullptr : pPage);
+    } else {
         reinit_in_place(pAnchor); // goes on in the renamed file until it is stopped
+    }
 }
 
 void repair_damage(trace_anchor_t *pAnchor, const trace_damage_t *pDamage) {

@@ -1,6 +1,8 @@
 // Starting a trace file: the steps in their order, the records that the engine writes itself, and when to start at all.
 //
 //   not started ──start_trace──▶ started ──stop_trace──▶ not started
+#include <pthread.h>
+#include <sys/mman.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -258,7 +260,22 @@ static void open_records(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_HOLDS
         log_damage(&damage);
         reinit_in_place(pAnchor);
         record_start();
+        if (take_damage(pAnchor, &damage)) // somebody is at it all the time
+            reinit_in_place(pAnchor);
     }
+}
+
+// A head that is mapped and not published yet, while the pages behind it are started.
+struct unpublished_head_t {
+    trace_anchor_t *pHead;
+    const starting_file_t *pFile;
+};
+
+// Clean-up of a start that is cancelled at a page behind the head: nothing of the set stays started.
+TR_UNCHECKED static void abandon_start(void *pArg) {
+    const auto *const pStarting = static_cast<const unpublished_head_t *>(pArg);
+    (void)munmap(pStarting->pFile->pMap, pStarting->pFile->uSize);
+    (void)stop_trace(pStarting->pHead, 0);
 }
 
 // Starts a plain file or all pages of a set; the head is published last. Also when a page behind it fails, the head
@@ -269,7 +286,10 @@ static int32_t start_pages(start_of_set_t *pStart, trace_anchor_t *pHead) TR_HOL
     if (rc != 0)
         return rc;
     pStart->pActive = pHead;
+    unpublished_head_t unpublished = {.pHead = pHead, .pFile = &file};
+    pthread_cleanup_push(abandon_start, &unpublished);
     rc = file.bModeFailed ? TR_RC_MODE : start_other_pages(pStart, pHead);
+    pthread_cleanup_pop(0);
     lock_for_start(pStart, pHead);
     publish_file(pHead, &file);
     if (is_page(pHead))

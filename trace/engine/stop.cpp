@@ -184,7 +184,10 @@ static void tr_term_file_anchor(trace_anchor_t *pAnchor, const timespec *pDeadli
         pAnchor->fileName[0] = '\0';
         unlock_anchor_set_under_global(pAnchor);
     } else {
-        (void)flush_anchor(pHead, true, MS_SYNC, true);
+        for (const trace_anchor_t *pPage = pHead; pPage != nullptr; pPage = next_page_of(pHead, pPage))
+            (void)flush_page(pPage, MS_SYNC, true);
+        for (const trace_anchor_t *pPage = pHead->p_obsolete_pages; pPage != nullptr; pPage = pPage->nextPage)
+            (void)flush_page(pPage, MS_SYNC, true);
     }
     release_control_lists(pAnchor);
     pAnchor->bInitialized = 0;

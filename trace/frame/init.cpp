@@ -59,11 +59,12 @@ static void set_default_name(trace_anchor_t *pAnchor, const char *pName) {
 
 static void read_environment(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
     const char *pStop = nullptr;
-    if (const char *pName = environment("KZ_TR_FILENAME"))
+    const bool bStarted = pAnchor->pMap != nullptr; // a termination could not stop it: name and size are in use
+    if (const char *pName = environment("KZ_TR_FILENAME"); pName != nullptr && !bStarted)
         set_default_name(pAnchor, pName);
     if (const char *pSize = environment("KZ_TR_SIZE")) {
         const uint64_t size = read_number(pSize, &pStop);
-        if (size != 0)
+        if (size != 0 && !bStarted)
             pAnchor->uRequestedFileSize = static_cast<uint32_t>(size);
     }
     if (const char *pLevel = environment("KZ_TR_DEBUG_LEVEL"))

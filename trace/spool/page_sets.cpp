@@ -103,8 +103,8 @@ static trace_anchor_t *page_at(trace_anchor_t *pHead, uint32_t numPages) TR_HOLD
     return pPage;
 }
 
-// Makes, or finds among the retired, the page of that number; a new one is started when its set is. Null when memory is
-// short.
+// Makes, or finds among the retired, the page of that number; a new one is started when its set is. Null when it can't
+// be had.
 static trace_anchor_t *page_for_ring(trace_anchor_t *pHead, uint32_t number) TR_HOLDS(global_lock) {
     char name[TR_NAME_SIZE];
     if (!make_page_name(name, pHead->fileName, base_name_length(pHead), number))
@@ -113,7 +113,7 @@ static trace_anchor_t *page_for_ring(trace_anchor_t *pHead, uint32_t number) TR_
     if (pPage != nullptr)
         return pPage;
     pPage = getSplAnchor(pHead, name);
-    if (pPage == nullptr)
+    if (pPage == nullptr || !may_join(pPage, pHead))
         return nullptr;
     join_page_set(pPage, pHead);
     if (pHead->pMap != nullptr)

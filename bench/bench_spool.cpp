@@ -3,8 +3,11 @@
 //
 // The wall time is that of the recording thread, from the first record of a batch to the last; copies are made meanwhile,
 // and those still queued then are waited for outside it. Beside it stand the processor time of the recording thread
-// (best), that of the copy thread with all copies of the batch (median), and how many of the full pages were copied: the
-// others were taken back before. On a machine with other work to do the processor times still tell something.
+// (best) and that of the copy thread with all copies of the batch (median). On a machine with other work to do these still
+// tell something.
+//
+// A batch counts when all its full pages were copied. In the others pages were taken back before their copies, which
+// costs less: they are run again.
 //
 // Which processor the copy thread wakes up on makes more of a difference than anything else, so it is tied to one. The
 // recording thread has another one, or shares it.
@@ -23,7 +26,6 @@
 #include <filesystem>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "trace/kz_tr.h"
@@ -39,7 +41,8 @@ constexpr uint32_t RECORD_SIZE = 44; // bytes of a record of two 32-bit values
 constexpr uint32_t PAGES_PER_BATCH = 32;
 constexpr uint32_t RECORDS_PER_PAGE = (PAGE_SIZE - TR_DATA_OFFSET) / RECORD_SIZE;
 constexpr uint32_t RECORDS_PER_BATCH = PAGES_PER_BATCH * RECORDS_PER_PAGE;
-constexpr int NUM_RUNS = 15;
+constexpr size_t NUM_RUNS = 15;
+constexpr int MAX_ROUNDS = 200;
 
 enum category_t : uint32_t { CAT_PLAIN, CAT_PAGED, NUM_CATEGORIES };
 enum processor_t : uint32_t { CPU_RECORDING, CPU_COPYING, NUM_CPUS };
@@ -141,23 +144,31 @@ constexpr std::array SUBJECTS = {
     subject_t{"pages, copied on the same processor", CAT_PAGED, CPU_COPYING},
 };
 
+struct batch_t {
+    double wall, recording, copying; // ns a record
+};
+
+batch_t run_batch(category_t category, const std::string &pagedName) {
+    const auto each = [](int64_t ns) { return static_cast<double>(ns) / RECORDS_PER_BATCH; };
+    const int64_t others = others_ns();
+    const int64_t own = now_ns(CLOCK_THREAD_CPUTIME_ID);
+    const int64_t start = now_ns(CLOCK_MONOTONIC);
+    record_batch(category);
+    const int64_t wall = now_ns(CLOCK_MONOTONIC) - start;
+    const int64_t recording = now_ns(CLOCK_THREAD_CPUTIME_ID) - own;
+    wait_for_copies(pagedName);
+    return {each(wall), each(recording), each(others_ns() - others)};
+}
+
+// The batches of a subject that count.
 struct series_t {
-    std::vector<double> wall, recording, copying; // ns a record
-    uint32_t numCopies = 0;
+    std::vector<double> wall, recording, copying;
+    int numRun = 0;
 
-    static void add(std::vector<double> *pTo, int64_t ns) {
-        pTo->push_back(static_cast<double>(ns) / RECORDS_PER_BATCH);
-    }
-
-    void run(category_t category, const std::string &pagedName) {
-        const int64_t others = others_ns();
-        const int64_t own = now_ns(CLOCK_THREAD_CPUTIME_ID);
-        const int64_t start = now_ns(CLOCK_MONOTONIC);
-        record_batch(category);
-        add(&wall, now_ns(CLOCK_MONOTONIC) - start);
-        add(&recording, now_ns(CLOCK_THREAD_CPUTIME_ID) - own);
-        wait_for_copies(pagedName);
-        add(&copying, others_ns() - others);
+    void add(const batch_t &batch) {
+        wall.push_back(batch.wall);
+        recording.push_back(batch.recording);
+        copying.push_back(batch.copying);
     }
 };
 
@@ -175,15 +186,31 @@ using all_series_t = std::array<series_t, SUBJECTS.size()>;
 
 void report(const all_series_t &all) {
     const summary_t floor(all[0].wall);
-    printf("%-36s %7s %6s %9s %6s %11s %9s %13s\n", "ns a record", "best", "ratio", "median", "ratio", "own thread",
-           "copying", "copied pages");
+    printf("%-36s %7s %6s %9s %6s %11s %9s %12s\n", "ns a record", "best", "ratio", "median", "ratio", "own thread",
+           "copying", "batches");
     for (size_t i = 0; i < all.size(); i++) {
+        printf("%-36s ", SUBJECTS[i].pName);
+        if (all[i].wall.empty()) {
+            printf("in each of %d batches pages were taken back before their copies\n", all[i].numRun);
+            continue;
+        }
         const summary_t wall(all[i].wall);
-        printf("%-36s %7.2f %6.2f %9.2f %6.2f %11.2f", SUBJECTS[i].pName, wall.best, wall.best / floor.best,
-               wall.median, wall.median / floor.median, summary_t(all[i].recording).best);
-        if (SUBJECTS[i].category == CAT_PAGED)
-            printf(" %9.2f %6u of %3u", summary_t(all[i].copying).median, all[i].numCopies, PAGES_PER_BATCH * NUM_RUNS);
-        printf("\n");
+        printf("%7.2f %6.2f %9.2f %6.2f %11.2f %9.2f %5zu of %3d\n", wall.best, wall.best / floor.best, wall.median,
+               wall.median / floor.median, summary_t(all[i].recording).best,
+               std::max(summary_t(all[i].copying).median, 0.0), all[i].wall.size(), all[i].numRun);
+    }
+}
+
+// Runs a batch of each subject. The copies of the file that is kept in pages are in `pCopies`.
+void run_round(all_series_t *pAll, const std::array<int, NUM_CPUS> &processors, const std::string &pagedName,
+               const char *pCopies) {
+    for (size_t i = 0; i < SUBJECTS.size(); i++) {
+        run_on(processors[SUBJECTS[i].processor]);
+        const batch_t batch = run_batch(SUBJECTS[i].category, pagedName);
+        const uint32_t numFull = SUBJECTS[i].category == CAT_PAGED ? PAGES_PER_BATCH : 0;
+        (*pAll)[i].numRun++;
+        if (remove_copies(pCopies) >= numFull)
+            (*pAll)[i].add(batch);
     }
 }
 
@@ -192,23 +219,19 @@ void measure(const std::string &dir) {
     static const tr_category_description_t categories[NUM_CATEGORIES] = {{CAT_PLAIN, "plain", 1, 1},
                                                                          {CAT_PAGED, "paged", 1, 1}};
     const auto processors = find_processors();
+    if (processors[CPU_RECORDING] == processors[CPU_COPYING])
+        printf("There is only one processor.\n");
     run_on(processors[CPU_COPYING]);
     const int32_t rc = tr_ms_register_component_1("BNCH", levels, categories, NUM_CATEGORIES, &pTokens);
     const char *const pCopies = tr_get_spool_dir_1(pagedName.c_str());
     if (rc != 0 || pCopies == nullptr)
         fail("registration gave " + std::to_string(rc) + ", or there is no spool directory");
     all_series_t all;
-    for (int i = -1; i < NUM_RUNS; i++) { // the first round takes the blocks of the files
-        if (i == 0)
-            all = {};
-        for (size_t j = 0; j < all.size(); j++) {
-            run_on(processors[SUBJECTS[j].processor]);
-            all[j].run(SUBJECTS[j].category, pagedName);
-            all[j].numCopies += remove_copies(pCopies);
-        }
-    }
-    if (processors[CPU_RECORDING] == processors[CPU_COPYING])
-        printf("There is only one processor.\n");
+    run_round(&all, processors, pagedName, pCopies); // takes the blocks of the files
+    all = {};
+    const auto is_short = [](const series_t &series) { return series.wall.size() < NUM_RUNS; };
+    for (int i = 0; i < MAX_ROUNDS && std::any_of(all.begin(), all.end(), is_short); i++)
+        run_round(&all, processors, pagedName, pCopies);
     report(all);
 }
 

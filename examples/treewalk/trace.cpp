@@ -1,4 +1,4 @@
-// The component tables, and their registration.
+// The component tables, their registration, and what became of it.
 #include "trace.h"
 
 #include <climits>
@@ -35,4 +35,16 @@ void begin_trace() {
         (void)fprintf(stderr, "treewalk: no default trace file; KZ_TR_FILENAME names one\n");
     else if (bWalk && bHash)
         (void)fprintf(stderr, "treewalk: to see the trace: kztrace dump %s\n", fileName);
+}
+
+void print_trace_status() {
+    int32_t count = 0;
+    tr_mini_spooling_anchor_t *pFiles = nullptr;
+    if (tr_get_current_spooling_status_1(&count, &pFiles) != 0)
+        return;
+    for (int32_t i = 0; i < count; i++) {
+        if (pFiles[i].fileName[0] != '\0') // no default trace file
+            printf("%s: %s\n", pFiles[i].fileName, pFiles[i].dest);
+    }
+    tr_release_spool_info_1(count, pFiles);
 }

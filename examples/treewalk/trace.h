@@ -125,4 +125,7 @@ extern component_t<HASH_NUM_CATEGORIES> hash_trace;
 // goes on without it.
 void begin_trace();
 
+// Tells on standard output which trace files there are, and where full pages of them are copied.
+void print_trace_status();
+
 #endif

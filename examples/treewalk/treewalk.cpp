@@ -1,9 +1,10 @@
-// treewalk [--levels TEXT] [DIR]: walks a directory tree, /usr/include by default, and hashes every file in it with a
+// treewalk [--levels TEXT] [--status] [DIR]: walks a directory tree, /usr/include by default, and hashes every file in it with a
 // few threads.
 //
 // The main thread walks and queues the files, the workers read them. What they do is recorded all the time; trace.h
 // tells the trace points. KZ_TR_FILENAME names the trace file, KZ_TR_TRACE_LEVELS and KZ_TR_FILE_MAP say how much is
 // recorded and where. --levels does what a program with a console or a control socket does: it sets levels by a call.
+// --status tells at the end which trace files there are, and where full pages of those go that are kept in pages.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -191,22 +192,39 @@ static void set_levels(const char *pText) {
     (void)fprintf(stderr, "treewalk: the levels stay as they are (%d); to see why: kztrace levels '%s'\n", rc, pText);
 }
 
-int main(int argc, char **argv) {
+struct options_t {
     const char *pLevels = nullptr;
-    if (argc > 2 && strcmp(argv[1], "--levels") == 0) {
-        pLevels = argv[2];
-        argc -= 2;
-        argv += 2;
+    bool bStatus = false;
+    const char *pDir = "/usr/include";
+};
+
+// Returns false when the arguments are not those of this program.
+static bool parse_options(int argc, char **argv, options_t *pOptions) {
+    int i = 1;
+    for (; i < argc && argv[i][0] == '-'; i++) {
+        if (strcmp(argv[i], "--levels") == 0 && i + 1 < argc)
+            pOptions->pLevels = argv[++i];
+        else if (strcmp(argv[i], "--status") == 0)
+            pOptions->bStatus = true;
+        else
+            return false;
     }
-    if (argc > 2 || (argc == 2 && argv[1][0] == '-')) {
-        (void)fprintf(stderr, "usage: treewalk [--levels TEXT] [DIR]\n");
+    if (i < argc)
+        pOptions->pDir = argv[i++];
+    return i >= argc;
+}
+
+int main(int argc, char **argv) {
+    options_t options;
+    if (!parse_options(argc, argv, &options)) {
+        (void)fprintf(stderr, "usage: treewalk [--levels TEXT] [--status] [DIR]\n");
         return 2;
     }
     begin_trace();
-    set_levels(pLevels); // none: nothing is done
+    set_levels(options.pLevels); // none: nothing is done
     job_t job;
     const auto begin = std::chrono::steady_clock::now();
-    walk_tree(&job, argc == 2 ? argv[1] : "/usr/include");
+    walk_tree(&job, options.pDir);
     const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - begin;
     char summary[200];
     (void)snprintf(summary, sizeof summary,
@@ -214,5 +232,7 @@ int main(int argc, char **argv) {
                    job.numDirs, job.numFiles.load(), job.numBytes.load(), job.numErrors.load(), seconds.count());
     walk_trace.format(WALK_CAT_RUN, 1, WALK_END, "%s", summary);
     puts(summary);
+    if (options.bStatus)
+        print_trace_status();
     return job.numErrors == 0 ? 0 : 1; // the trace files are flushed and closed by the library
 }

@@ -269,16 +269,6 @@ TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
     });
 }
 
-TEST_F(Spool, ASleepingThreadEndsAtOnce) {
-    in_child([] {
-        onLook = ask_for_configuration;
-        start_copy_thread_once();
-        EXPECT_TRUE(eventually([] { return numLooks >= 3; })); // it has not gone to sleep at the first
-        tr_term();
-        EXPECT_EQ(observe(&is_spool_running), 0);
-    });
-}
-
 static int try_queue() TR_UNCHECKED {
     timespec limit;
     clock_gettime(CLOCK_REALTIME, &limit);

@@ -119,12 +119,15 @@ TEST_F(Start, SizesTheFile) {
         EXPECT_EQ(view_t(path).get(20), size) << pSize;
         EXPECT_EQ(chain(view_t(path)), "52/16/2 " + std::to_string(size - 252) + "/0/4095 @252");
     };
-    for (const char *pSize : {"0", "big", "65530"})
-        check(pSize, 65536);
-    for (const char *pSize : {"1", "0100", "0x100000000"})
-        check(pSize, 4096);
-    check("10000", 12288);
-    check("0x20000", 131072);
+    for (const auto &[pSize, size] : {std::pair("0", 65536U),
+                                      {"big", 65536},
+                                      {"65530", 65536},
+                                      {"1", 4096},
+                                      {"0100", 4096},
+                                      {"0x100000000", 4096},
+                                      {"10000", 12288},
+                                      {"0x20000", 131072}})
+        check(pSize, size);
     check("65536", 1 << 20, "0x100000");
     check("65536", 65536, "4096");
     fault = {"write", EDQUOT, 20}; // what there is room for is taken
@@ -138,13 +141,12 @@ TEST_F(Start, ReportsWhyAFileCannotBeHad) {
     const auto check = [&](const std::string &name, const fault_t &given, const std::string &error) {
         SCOPED_TRACE(name + " " + given.pCall + " " + error);
         in_child([&] {
-            const auto num_open = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
-            const auto numOpen = num_open();
+            const auto numOpen = num_descriptors();
             fault = given;
             EXPECT_EQ(start(name), std::stoi(error));
             EXPECT_EQ(last_error(), error);
             fault = {};
-            EXPECT_EQ(num_open(), numOpen);
+            EXPECT_EQ(num_descriptors(), numOpen);
             EXPECT_EQ(anchors.pMap, nullptr);
             EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
             EXPECT_EQ(register_one("ABCD"), 38);
@@ -185,8 +187,7 @@ TEST_F(Start, ReportsWhyAFileCannotBeHad) {
         fault = {"msync", EIO};
         EXPECT_EQ(tr_flush_1(), 32);
         EXPECT_EQ(last_error(), "32 32 5");
-        tr_term();                    // does not mind
-        EXPECT_EQ(fault.numGood, -2); // the second call
+        tr_term(); // does not mind
         EXPECT_EQ(anchors.pMap, nullptr);
     });
 }
@@ -366,12 +367,10 @@ TEST_F(Ring, IsGivenUpWhenItIsDamaged) {
             const view_t file(name);
             file.put(4056, length);
             level_of_one = bWanted ? 1 : 0;
-            EXPECT_EQ(tr_unregister_component_1("NONE"), 26); // leaves an error
             errno = 77;
-            EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
+            EXPECT_EQ(tr_record_id_1("ABCD", 1) + tr_record_id_1("ABCD", 2), 0);
             EXPECT_EQ(errno, 77);
-            EXPECT_EQ(last_error(), "26 26 NONE");
-            EXPECT_EQ(tr_record_id_1("ABCD", 2), 0);
+            EXPECT_EQ(last_error(), "0 0");
             EXPECT_EQ(file.get(4056), length); // the file that was put aside is as it was
         });
         EXPECT_EQ(err.substr(25), "0:zorv_trace: allocate_space " + text + "\n"); // behind the time
@@ -380,7 +379,6 @@ TEST_F(Ring, IsGivenUpWhenItIsDamaged) {
     };
     static constexpr char ANEW[] = "52/16/2 32/1/4 3812/0/4095 @284";
     check(0, "allocation loop (32)", true, true, ANEW);
-    check(32, "overrun one", true, true, ANEW);
-    check(0, "allocation loop (32)", false, true, ANEW);
+    check(32, "overrun one", false, true, ANEW);
     check(0, "allocation loop (32)", true, false, "32/1/2 3864/0/4095 @232"); // with nothing to record any more
 }

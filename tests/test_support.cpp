@@ -19,24 +19,18 @@ static void fail_quietly() {
 }
 
 TEST(Child, EndsAsItsBodyDoes) {
-    struct row_t {
-        const char *pName;
+    struct {
         void (*pBody)();
         int exitCode, signal;
-    };
-    static constexpr row_t rows[] = {
-        {"comes back", [] {}, 0, 0},
-        {"fails", fail_quietly, 1, 0},
-        {"exits", [] { exit(7); }, 7, 0},
-        {"fails and exits", [] { fail_quietly(), exit(0); }, 1, 0},
-        {"is killed", [] { (void)raise(SIGUSR1); }, -1, SIGUSR1},
-    };
-    for (const auto &row : rows) {
-        SCOPED_TRACE(row.pName);
-        const child_result_t result = run_in_child(row.pBody);
-        EXPECT_EQ(result.exitCode, row.exitCode);
-        EXPECT_EQ(result.signal, row.signal);
-        EXPECT_FALSE(result.timedOut);
+    } const rows[] = {{[] {}, 0, 0},
+                      {fail_quietly, 1, 0},
+                      {[] { exit(7); }, 7, 0},
+                      {[] { fail_quietly(), exit(0); }, 1, 0},
+                      {[] { (void)raise(SIGUSR1); }, -1, SIGUSR1}};
+    for (const auto &[pBody, exitCode, signal] : rows) {
+        const child_result_t result = run_in_child(pBody);
+        EXPECT_TRUE(result.exitCode == exitCode && result.signal == signal && !result.timedOut)
+            << exitCode << " " << signal;
     }
     EXPECT_EQ(run_in_child([] { (void)fprintf(stderr, "one\n"), (void)fprintf(stderr, "two\n"); }).err, "one\ntwo\n");
 }

@@ -43,38 +43,24 @@ void mount_memory(const std::string &dir, uint64_t size) {
     check(mount("tmpfs", dir.c_str(), "tmpfs", MS_NOSUID | MS_NODEV, options.c_str()) == 0, dir);
 }
 
-// Covers a directory by a writable one with the same content, save for one name: every entry is the original one, bound
-// into its place. So a mount point can be made in it without the real directory noticing.
-static void cover_without(const std::string &dir, const std::string &omitted) {
-    const int original = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    check(original >= 0, dir);
-    mount_memory(dir, MEMORY_SIZE);
-    // The covered directory can still be reached through its descriptor.
-    const std::string from = "/proc/self/fd/" + std::to_string(original);
-    for (const auto &entry : fs::directory_iterator(from)) {
-        const std::string name = entry.path().filename();
-        const std::string place = dir + "/" + name;
-        if (name == omitted)
-            continue;
-        if (entry.is_symlink()) {
-            fs::create_symlink(fs::read_symlink(entry.path()), place);
-            continue;
-        }
-        if (entry.is_directory())
-            fs::create_directory(place);
-        else
-            std::ofstream(place).close();
-        check(mount(entry.path().c_str(), place.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0, place);
+// Covers "/var" by a writable directory with the same content, save for "kz": links through a descriptor that stays open,
+// also in programs that the child starts.
+static void cover_var() {
+    const int original = open("/var", O_RDONLY | O_DIRECTORY);
+    check(original >= 0, "/var");
+    mount_memory("/var", MEMORY_SIZE);
+    for (const auto &entry : fs::directory_iterator("/proc/self/fd/" + std::to_string(original))) {
+        if (entry.path().filename() != "kz")
+            fs::create_symlink(entry.path(), "/var" / entry.path().filename());
     }
-    (void)close(original);
+    fs::create_directory("/var/kz");
+    mount_memory("/var/kz", MEMORY_SIZE);
 }
 
 void enter_private_machine() {
     try {
         unshare_mounts();
-        cover_without("/var", "kz");
-        fs::create_directory("/var/kz");
-        mount_memory("/var/kz", MEMORY_SIZE);
+        cover_var();
     } catch (const std::system_error &failure) {
         skip_from_child(std::string("no private mount namespace on this machine: ") + failure.what());
     }

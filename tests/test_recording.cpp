@@ -113,8 +113,10 @@ TEST_F(Recording, CutsValuesAndReadsOnlyWhatItStores) {
         };
         for (const uint32_t number : {2U, 478U, 479U, ALL}) { // of the values 0, 1, 2 and so on
             const uint32_t num32 = std::min(number, 478U), num64 = std::min(number, 239U);
-            expect(next_after<uint32_t>(LIST(tr_record_values_32_v_1("V", 9, n, v)), number, I...), num32, 4);
-            expect(next_after<uint64_t>(LIST(tr_record_values_64_v_1("V", 9, n, v)), number, I...), num64, 8);
+            expect(
+                next_after<uint32_t>(LIST(tr_record_values_32_v_1("V", 9, n, v)), number, static_cast<uint32_t>(I)...),
+                num32, 4);
+            expect(next_after<uint64_t>(LIST(tr_record_values_64_v_1("V", 9, n, v)), number, uint64_t{I}...), num64, 8);
         }
     };
     in_child([&] { check(std::make_index_sequence<480>()); });

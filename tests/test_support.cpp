@@ -4,15 +4,11 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include "tests/support/child.h"
-#include "tests/support/sandbox.h"
-
-namespace fs = std::filesystem;
 
 static void fail_quietly() {
     ADD_FAILURE() << "meant to fail, inside a child";
@@ -40,17 +36,4 @@ TEST(Child, IsKilledAtTheDeadlineAndTheTestFails) {
     EXPECT_NONFATAL_FAILURE(result = run_in_child([] { pause(); }, std::chrono::milliseconds(100)), "did not end");
     EXPECT_TRUE(result.timedOut);
     EXPECT_EQ(result.signal, SIGKILL);
-}
-
-TEST(PrivateMachine, HasAnEmptyFolderOfItsOwn) {
-    const bool bFolderBefore = fs::exists("/var/kz");
-    const child_result_t result = run_in_child([] {
-        enter_private_machine();
-        EXPECT_TRUE(fs::is_empty("/var/kz") && fs::exists("/var/lib"));
-        fs::create_directory("/var/kz/small");
-        mount_memory("/var/kz/small", 64U << 10);
-        EXPECT_EQ(fs::space("/var/kz/small").capacity, 64U << 10);
-    });
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_EQ(fs::exists("/var/kz"), bFolderBefore);
 }

@@ -242,24 +242,18 @@ TEST(SpoolDir, IsMadeForTheProgramBelowTheDestination) {
 
 // ---- The first reading ----
 
-static size_t num_entries() {
-    size_t num = 0;
-    for (const auto *pSpec = anchors.pFirstSpoolSpec; pSpec != nullptr; pSpec = pSpec->pNext)
-        num++;
-    return num;
-}
-
 TEST(SpoolReading, HappensOnce) {
     // The variable comes before the file, also with a faulty text; an empty one counts as none.
-    for (const auto &[pText, num] : {std::pair("", 2U), {"a:ON", 0U}}) {
-        in_cluster([&, pText = pText, num = num] {
+    for (const char *pText : {"", "a:ON"}) {
+        in_cluster([&] {
             std::ofstream(TR_SPOOL_CONFIG_FILE) << "x:\n" << FOUR << "y:\n" << FOUR;
             (void)setenv("KZ_TR_SPOOL", pText, 1);
             EXPECT_EQ(register_one("ABCD"), 0);
             tr_term();
             EXPECT_EQ(register_one("ABCD"), 0);
             EXPECT_EQ(dir_of("/none"), "null");
-            EXPECT_EQ(num_entries(), num);
+            const trace_spool_spec_t *pFirst = anchors.pFirstSpoolSpec, *pLast = anchors.pLastSpoolSpec;
+            EXPECT_TRUE(*pText == '\0' ? pFirst->pNext == pLast && pFirst != pLast : pFirst == nullptr);
         });
     }
 }

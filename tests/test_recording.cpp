@@ -189,6 +189,7 @@ TEST_F(Registry, Takes255CategoriesAndStopsTheFilesWithTheLastThatRecords) {
 
 static std::string logged; // what was told the system log, up to the name of a trace file
 
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's names are not for programs
 extern "C" void openlog(const char *pIdent, int options, int facility) {
     EXPECT_TRUE(strcmp(pIdent, "zorv_trace") == 0 && (options & LOG_PID) != 0 && facility == LOG_DAEMON);
 }
@@ -199,6 +200,7 @@ extern "C" void vsyslog(int priority, const char *pFormat, va_list values) {
     if (strstr(text, "/kz_test_") != nullptr) // what comes behind the name differs from run to run
         logged += std::string(text, strcspn(text, "/")) + "|";
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 TEST_F(Library, TellsTheSystemLogAsMuchAsTheDebugLevelSays) {
     for (const std::string level : {"0x8", "7", ""}) {

@@ -200,7 +200,9 @@ TEST(Message, TakesEachConversionWithItsInsert) {
     const auto ofInt = [](int32_t value) {
         return insert_t{CU_ERROR_ARG_INT, 0xdeadbeef00000000 | static_cast<uint32_t>(value), {}};
     };
-    const auto ofLong = [](uint64_t value) { return insert_t{CU_ERROR_ARG_LONG_LONG, value, {}}; };
+    const auto ofLong = [](int64_t value) {
+        return insert_t{CU_ERROR_ARG_LONG_LONG, static_cast<uint64_t>(value), {}};
+    };
     const auto ofDouble = [](double value) {
         return insert_t{CU_ERROR_ARG_DOUBLE, std::bit_cast<uint64_t>(value), {}};
     };
@@ -217,7 +219,7 @@ TEST(Message, TakesEachConversionWithItsInsert) {
         {"100%% of %d%%", {ofInt(-7)}, "100% of -7%"},
         {"%i|%u|%x|%#X|%o", {ofInt(-7), ofInt(-7), ofInt(-1), ofInt(255), ofInt(8)}, "-7|4294967289|ffffffff|0XFF|10"},
         {"%lld|%ld|%zu|%d",
-         {ofLong(1ULL << 63), ofLong(-1), ofLong(-1), ofLong(1ULL << 40)},
+         {ofLong(INT64_MIN), ofLong(-1), ofLong(-1), ofLong(1LL << 40)},
          "-9223372036854775808|-1|18446744073709551615|1099511627776"},
         {"%hd|%hhu|%hx|%c|%3c", {ofInt(65537), ofInt(-1), ofLong(-1), ofInt('c'), ofInt('d')}, "1|255|ffff|c|  d"},
         {"%5d|%-5d|%05d|%+.3d|%'d",

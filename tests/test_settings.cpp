@@ -142,6 +142,7 @@ TEST_F(Query, TellsWhoWroteTheFile) {
             };
             ASSERT_EQ(tr_open_query_1(name.c_str(), &handle), 0);
             EXPECT_EQ(tr_query_pid_1(handle, nullptr) + tr_query_prog_1(handle, nullptr) + ask(nullptr), 5 * 37);
+            EXPECT_EQ(tr_query_platform_1(handle, nullptr), 37);
             memcpy(handle, "_TR", 4);
             EXPECT_EQ(ask(handle), 3 * 37);
             EXPECT_EQ(tr_close_query_1(nullptr) + tr_close_query_1(handle), 2 * 37);

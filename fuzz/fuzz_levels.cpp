@@ -25,9 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t size) {
         return 0;
     }
     require(is_spec_code(rc) && fault.offset <= text.size() && levels.pLast == pOld);
-    const size_t comma = fault.offset == 0 ? std::string::npos : text.rfind(',', fault.offset - 1);
     levels_t before;
-    const std::string good = comma == std::string::npos ? "" : text.substr(0, comma + 1);
-    require(parse_levels(good.c_str(), before.list(), &fault) == 0);
+    require(parse_levels(good_part(text, fault.offset, ',').c_str(), before.list(), &fault) == 0);
     return 0;
 }

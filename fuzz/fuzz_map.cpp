@@ -20,9 +20,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *pData, size_t size) {
         return 0;
     const size_t offset = size_t{fault.origin} + fault.offset;
     require(is_spec_code(rc) && offset <= text.size());
-    const size_t semicolon = offset == 0 ? std::string::npos : text.rfind(';', offset - 1);
     maps_t before;
-    const std::string good = semicolon == std::string::npos ? "" : text.substr(0, semicolon + 1);
-    require(parse_file_maps(good.c_str(), before.list(), &fault) == 0 && before.count() + 1 == numSpecs);
+    require(parse_file_maps(good_part(text, offset, ';').c_str(), before.list(), &fault) == 0);
+    require(before.count() + 1 == numSpecs);
     return 0;
 }

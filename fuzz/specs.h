@@ -20,6 +20,12 @@ inline bool is_spec_code(int32_t code) {
            code == TR_RC_CATEGORY_PATTERN;
 }
 
+// What comes before the last separator in front of an offset, with it.
+inline std::string good_part(const std::string &text, size_t offset, char separator) {
+    const size_t last = offset == 0 ? std::string::npos : text.rfind(separator, offset - 1);
+    return last == std::string::npos ? "" : text.substr(0, last + 1);
+}
+
 // Owns a list of entries.
 template <typename Spec> struct specs_t {
     Spec *pFirst = nullptr;

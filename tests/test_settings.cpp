@@ -1,14 +1,11 @@
-// Names and sizes of trace files, also while others record; the snapshot of the levels; queries on trace files.
+// Names and sizes of trace files; the snapshot of the levels; queries on trace files.
 #include <sys/stat.h>
 
-#include <atomic>
 #include <fstream>
 #include <span>
-#include <thread>
 
 #include <gtest/gtest.h>
 
-#include "reader/reader.h"
 #include "tests/support/tracing.h"
 
 namespace fs = std::filesystem;
@@ -77,40 +74,6 @@ TEST_F(Settings, SizeTheFiles) {
     });
 }
 
-// What was recorded before and after the changes is there, and what others record meanwhile is whole.
-// What was recorded before and after the changes is there, and what others record meanwhile is whole.
-TEST_F(Settings, ChangeBesideRecorders) {
-    const std::string names[] = {dir.file("kept"), dir.file("other"), dir.file("mapped")};
-    in_child([&] {
-        const tr_file_token_t tokens[] = {token_of(names[1]), token_of(names[2])};
-        std::atomic<bool> bEnd = false;
-        const auto record = [&](uint32_t i) {
-            for (uint32_t n = i; !bEnd; n++)
-                EXPECT_EQ(tr_ms_record_fmt_string_1("ABCD", n, tokens[n % 2], "%*d", n % 200, 5), 0);
-        };
-        ASSERT_EQ(start(names[0]) + tr_record_id_1("ABCD", 1), 0);
-        std::thread first(record, 0), second(record, 1);
-        for (uint32_t i = 0; i < 100; i++) {
-            EXPECT_EQ(tr_set_file_size_1(names[1].c_str(), 8192 * (1 + i % 2)), 0);
-            EXPECT_EQ(tr_set_filename_1(i % 3 == 0 ? nullptr : i % 3 == 1 ? "" : names[0].c_str()), 0);
-            EXPECT_EQ(tr_set_trace_levels_1("*:*=2"), 0);
-        }
-        bEnd = true;
-        first.join();
-        second.join();
-        EXPECT_EQ(tr_set_filename_1(names[0].c_str()) + tr_record_id_1("ABCD", 2), 0);
-        EXPECT_EQ(tr_ms_record_id_1("ABCD", 2, tokens[0]) + tr_ms_record_id_1("ABCD", 2, tokens[1]), 0);
-    });
-    for (const auto &name : names) {
-        std::string reason, ids;
-        const auto batch = trread::trace_file_t::open(name, &reason).value().read_all();
-        EXPECT_TRUE(batch.faults.empty()) << batch.faults[0].text;
-        for (const auto &traced : batch.records)
-            ids += traced.kind == TR_KIND_ID ? std::to_string(*traced.traceId) : "";
-        EXPECT_EQ(ids, name == names[0] ? "12" : "2");
-    }
-}
-
 TEST_F(Settings, AreCopiedIntoASnapshot) {
     in_child([] {
         static constexpr tr_category_description_t categories[] = {{1, "one", 5, 2}, {0, "two", 6, 3}};
@@ -173,18 +136,19 @@ TEST_F(Query, TellsWhoWroteTheFile) {
             pid_t pid = 0;
             uint32_t platform = 0;
             char *pProgram = nullptr;
-            const auto ask = [](tr_query_handle_t asked, pid_t *pPid, char **ppProgram, uint32_t *pPlatform) {
-                return tr_query_pid_1(asked, pPid) + tr_query_prog_1(asked, ppProgram) +
-                       tr_query_platform_1(asked, pPlatform);
+            const auto ask = [&](tr_query_handle_t asked) {
+                return tr_query_pid_1(asked, &pid) + tr_query_prog_1(asked, &pProgram) +
+                       tr_query_platform_1(asked, &platform);
             };
             ASSERT_EQ(tr_open_query_1(name.c_str(), &handle), 0);
-            EXPECT_EQ(ask(handle, nullptr, nullptr, nullptr) + ask(nullptr, &pid, &pProgram, &platform), 6 * 37);
+            EXPECT_EQ(tr_query_pid_1(handle, nullptr) + tr_query_prog_1(handle, nullptr) + ask(nullptr), 5 * 37);
+            EXPECT_EQ(tr_query_platform_1(handle, nullptr), 37);
             memcpy(handle, "_TR", 4);
-            EXPECT_EQ(ask(handle, &pid, &pProgram, &platform), 3 * 37);
+            EXPECT_EQ(ask(handle), 3 * 37);
             EXPECT_EQ(tr_close_query_1(nullptr) + tr_close_query_1(handle), 2 * 37);
             EXPECT_EQ(last_error(), "37 38");
             memcpy(handle, "_TR_", 4);
-            EXPECT_EQ(ask(handle, &pid, &pProgram, &platform), 0);
+            EXPECT_EQ(ask(handle), 0);
             EXPECT_TRUE(pid == writer && pProgram == program && platform == code);
             free(pProgram);
             EXPECT_EQ(tr_close_query_1(handle), 0);

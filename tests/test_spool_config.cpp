@@ -1,15 +1,13 @@
 // Spooling entries: what the configuration file and KZ_TR_SPOOL yield, which entry governs a file, and the directories.
 #include <locale.h>
 #include <sys/stat.h>
-#include <syslog.h>
 
 #include <fstream>
-#include <set>
 #include <sstream>
-#include <thread>
 
 #include <gtest/gtest.h>
 
+#include "tests/support/composed.h"
 #include "tests/support/sandbox.h"
 #include "tests/support/tracing.h"
 #include "trace/spool/config.h"
@@ -17,31 +15,6 @@
 
 namespace fs = std::filesystem;
 using SpoolConfig = Tracing;
-
-// ---- Calls that fail or cancel: the linker leads them here ----
-
-static int callsUntilFailure = 0; // of calloc and regcomp; 0: they don't fail
-static bool bCancelAtOpen = false;
-
-static bool fails() {
-    return callsUntilFailure > 0 && --callsUntilFailure == 0;
-}
-extern "C" {
-void *__real_calloc(size_t num, size_t size);
-void *__wrap_calloc(size_t num, size_t size) {
-    return fails() ? nullptr : __real_calloc(num, size);
-}
-int __real_regcomp(regex_t *pExpression, const char *pPattern, int flags);
-int __wrap_regcomp(regex_t *pExpression, const char *pPattern, int flags) {
-    return fails() ? REG_ESPACE : __real_regcomp(pExpression, pPattern, flags);
-}
-FILE *__real_fopen(const char *pName, const char *pMode);
-FILE *__wrap_fopen(const char *pName, const char *pMode) {
-    if (bCancelAtOpen)
-        pthread_cancel(pthread_self());
-    return __real_fopen(pName, pMode);
-}
-}
 
 // ---- Readings as texts ----
 
@@ -169,34 +142,6 @@ TEST_F(SpoolConfig, ValuesOutOfBoundsAreReplacedAndNoted) {
                  "ON$ 7x x 60s->0 a|off|7|4096|60|/d" + all});
 }
 
-TEST_F(SpoolConfig, ShortageEndsTheReading) {
-    std::ofstream(path) << "x:\npat=/var/kz/.*\n" << FOUR.substr(6);
-    const std::string entry = " /var/kz/.*|on|3|262144|60|/d";
-    const auto check_call = [&](bool bFile, int call, int32_t code, const std::string &entries) {
-        list_t list;
-        callsUntilFailure = call;
-        const int32_t rc = bFile ? read_spool_file(path.c_str(), {&list.pFirst, &list.pLast}, nullptr)
-                                 : read_spool_text("a:ON:1:/x,b:ON:1:/y", {&list.pFirst, &list.pLast}, nullptr);
-        callsUntilFailure = 0;
-        EXPECT_EQ(rc, code) << call;
-        EXPECT_EQ(list.text(), entries);
-    };
-    in_child([&] {
-        (void)setenv("KZ_CU_CLUSTER_NAME", "c1", 1);
-        (void)setenv("KZ_CU_CLUSTER_ID", "id7", 1);
-        for (int call = 1; call <= 3; call++) // the reader's expressions
-            check_call(true, call, 41 + call, "");
-        check_call(true, 4, 47, "");
-        EXPECT_EQ(last_error(), "14 14");
-        check_call(true, 5, 0, entry); // no expression for the cluster: no twin
-        check_call(true, 6, 0, entry);
-        check_call(true, 7, 47, entry);
-        check_call(true, 8, 0, entry + " /var/kz/id7|on|3|262144|60|/d");
-        check_call(false, 1, 39, "");
-        check_call(false, 3, 39, " a|on|1|0|60|/x");
-    });
-}
-
 // The twin has the identifier in place of what stands for the name, and nothing of what stands before.
 TEST(SpoolEntry, HasATwinForTheClustersIdentifier) {
     const std::string longPattern = "/var/kz/C1/" + std::string(1012, 'p');
@@ -295,111 +240,43 @@ TEST(SpoolDir, IsMadeForTheProgramBelowTheDestination) {
     });
 }
 
-TEST_F(SpoolConfig, SubdirTellsWhetherADirectoryCanBeUsed) {
-    std::ofstream(dir.file("file")) << "text";
-    fs::create_symlink("none", dir.file("link"));
-    for (const char *pName : {"", "new", "new"})
-        EXPECT_EQ(subdir(dir.file(pName).c_str()), 0) << pName;
-    for (const char *pName : {"file", "no/new", "link"})
-        EXPECT_EQ(subdir(dir.file(pName).c_str()), -1) << pName;
-    EXPECT_NE(subdir(nullptr), 0);
-    EXPECT_EQ(create_all_directories_in_path(dir.file("file/x").c_str()), 1);
-    EXPECT_EQ(create_all_directories_in_path(dir.file("p//q/").c_str()), 0);
-    EXPECT_TRUE(fs::is_directory(dir.file("p/q")));
-}
-
 // ---- The first reading ----
 
-static size_t num_entries() {
-    size_t num = 0;
-    for (const auto *pSpec = anchors.pFirstSpoolSpec; pSpec != nullptr; pSpec = pSpec->pNext)
-        num++;
-    return num;
-}
-
-TEST(SpoolReading, HappensOnceAndIsNeverCutShort) {
+TEST(SpoolReading, HappensOnce) {
     // The variable comes before the file, also with a faulty text; an empty one counts as none.
-    for (const auto &[pText, bCancel] : {std::pair{"", false}, {"", true}, {"a:ON", false}}) {
-        in_cluster([&, pText = pText, bCancel = bCancel]() TR_UNCHECKED {
+    for (const char *pText : {"", "a:ON"}) {
+        in_cluster([&] {
             std::ofstream(TR_SPOOL_CONFIG_FILE) << "x:\n" << FOUR << "y:\n" << FOUR;
             (void)setenv("KZ_TR_SPOOL", pText, 1);
-            bCancelAtOpen = bCancel;
-            std::thread([&] {
-                EXPECT_EQ(bCancel ? dir_of("/none") : std::to_string(register_one("ABCD")), bCancel ? "null" : "0");
-            }).join();
-            EXPECT_EQ(register_one("EFGH"), 0);
+            EXPECT_EQ(register_one("ABCD"), 0);
             tr_term();
-            EXPECT_EQ(register_one("EFGH"), 0);
+            EXPECT_EQ(register_one("ABCD"), 0);
             EXPECT_EQ(dir_of("/none"), "null");
-            EXPECT_EQ(num_entries(), *pText == '\0' ? 2U : 0U);
-            if (!bCancel)
-                return;
-            ASSERT_EQ(lockGlobalMutex(), 0); // a child finds it locked by a thread that it has not
-            in_child([] { EXPECT_EQ(dir_of("/none"), "null"); });
-            (void)unlockGlobalMutex();
+            const trace_spool_spec_t *pFirst = anchors.pFirstSpoolSpec, *pLast = anchors.pLastSpoolSpec;
+            EXPECT_TRUE(*pText == '\0' ? pFirst->pNext == pLast && pFirst != pLast : pFirst == nullptr);
         });
     }
 }
 
-// The first line of each kind; what begins with "!" has the priority of an error.
-TEST(SpoolReading, TellsTheSystemLog) {
-    in_cluster([] {
-        std::ofstream(TR_SPOOL_CONFIG_FILE) << "x:\n"
-                                            << "pat=/var/kz/C.\nspooling=ON\npages=3\ndest=/var/kz/d\n"
-                                            << "bad\n";
-        syslog_capture_t log;
-        publish(&global_debug_level, TR_DEBUG_ALL);
-        (void)tr_get_spool_dir_1("/var/kz/c1/t.1.sp");
-        std::string text;
-        std::set<std::string> seen;
-        for (const auto &[priority, ident, line] : log.lines()) {
-            if (seen.insert(line.substr(0, 14)).second)
-                text += (LOG_PRI(priority) == LOG_ERR ? "!" : "") + line.substr(0, line.find("argsbuffer")) + "|";
-        }
-        std::erase(text, '\n');
-        EXPECT_EQ(
-            text,
-            "Entering spool_conf_file|/var/kz/cfg/trace.conf opened|read line 'x:'|New stanza found: 'x'|"
-            "read line 'pat=/var/kz/C.'|Checking for field line|Field found: 'pat' = '/var/kz/C.'|"
-            "read line 'spooling=ON'|read line 'pages=3'|read line 'dest=/var/kz/d'|read line 'bad'|"
-            "Spooling spec '/var/kz/C.:1:3:/var/kz/d', sync_interval=60'|"
-            "addSpoolCfgElement: Cluster name pattern detected|base_cl_pat(8..10): 'C.'|rest_of_pat(10..10): ''|"
-            "cluster name/pattern match: creating new spec from cluster id'|"
-            "Creating new element with pattern: /var/kz/0a1b2c.|heading regex failed: 'bad' with 1|"
-            "Leaving spool_conf_file: 46 (flags: 0x7a)|"
-            "match_spool_file_name: checking '/var/kz/c1/t' on '/var/kz/C.'|"
-            "Matched: '/var/kz/c1/t' on '/var/kz/C.'|entering mkspooldir: '/var/kz/d'|subdir checking: '/var/kz/d/c1'|"
-            "subdir creating: '/var/kz/d/c1' (0:)|subdir returning 0|!mkspooldir: baseName: '/test_spool_config' |"
-            "!tr_get_spool_dir returning: '/var/kz/d" +
-                BELOW + "'|");
-    });
-}
-
 // ---- The command ----
 
-// What kztrace writes to both streams, and its exit code.
-static std::string kztrace(const std::string &arguments) {
-    // NOLINTNEXTLINE(cert-env33-c): the shell does the redirection
-    FILE *const pPipe = popen((KZTRACE " 2>&1 config " + arguments).c_str(), "r");
-    std::string text;
-    for (int c = fgetc(pPipe); c != EOF; c = fgetc(pPipe))
-        text += static_cast<char>(c);
-    return text + std::to_string(WEXITSTATUS(pclose(pPipe)));
-}
-
 TEST(SpoolCommand, ShowsEntriesFaultsAndTheGoverningEntry) {
+    const auto config = [](const std::string &arguments) {
+        const auto [text, exitCode] = run("config " + arguments);
+        return text + std::to_string(exitCode);
+    };
     in_cluster([&] {
         fs::current_path("/var/kz");
         std::ofstream("good") << EXAMPLE;
         std::ofstream("bad") << "x:\npat=a\nspooling=ON\npages = 4 # of them\n\ncolor = red\n";
-        EXPECT_EQ(kztrace("good --match /var/kz/c1/log/mc/x.3.sp --program /usr/sbin/mydaemon"),
+        EXPECT_EQ(config("good --match /var/kz/c1/log/mc/x.3.sp --program /usr/sbin/mydaemon"),
                   R"(entry  stanza     pattern                   spooling  pages  page size  interval  destination
 1      daemons    /var/kz/.*/log/mc/.*      on        4      1048576    300 s     /var/spool/trc
 2      twin of 1  /var/kz/0a1b2c/log/mc/.*  on        4      1048576    300 s     /var/spool/trc
 3      tools      /tmp/.*tool.*             off       3      262144     60 s      /var/spool/tools
 /var/kz/c1/log/mc/x.3.sp is governed by entry 1, whose pages go to /var/spool/trc/c1/0a1b2c/)" +
                       host_name() + "/0000000000001234/mydaemon\nkztrace: good:13: warning: pages = 1 counts as 3\n0");
-        EXPECT_EQ(kztrace("bad"), R"(kztrace: bad:4: warning: this "#" makes all of the line a comment
+        EXPECT_EQ(config("bad"), R"(kztrace: bad:4: warning: this "#" makes all of the line a comment
   pages = 4 # of them
             ^
 kztrace: bad:6: no field has this name; stanza "x" still lacks pages, dest
@@ -407,7 +284,7 @@ kztrace: bad:6: no field has this name; stanza "x" still lacks pages, dest
   ^
 kztrace: no trace file is spooled
 1)");
-        EXPECT_EQ(kztrace("--text '(:off:5:/x,c:no:1:/z' --match b"),
+        EXPECT_EQ(config("--text '(:off:5:/x,c:no:1:/z' --match b"),
                   R"(entry    pattern  spooling  pages  page size  interval  destination
 1        (        off       5      as file    60 s      /x
 b is governed by no entry: it is not spooled

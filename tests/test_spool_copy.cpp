@@ -3,7 +3,6 @@
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 
 #include <atomic>
 #include <cerrno>
@@ -33,7 +32,6 @@ static std::atomic<int> numLooks = 0;            // at the configuration file
 static std::atomic<void (*)()> onLook = nullptr; // done in the next of them
 static std::atomic<int> numWrites = 0;           // of the copy thread
 static std::atomic<int> numMayWrite = INT_MAX;   // those behind these hang
-static std::string written;                      // the first byte of each
 static std::atomic<long> fixedTime = -1;         // of the clock, in microseconds
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's names are not for programs
@@ -48,7 +46,6 @@ int stat(const char *path, struct stat *pStatus) {
 }
 ssize_t write(int fd, const void *buffer, size_t size) {
     if (gettid() != getpid()) {
-        written += *static_cast<const char *>(buffer);
         for (const int number = ++numWrites; number > numMayWrite;)
             std::this_thread::sleep_for(milliseconds(1));
     }
@@ -109,13 +106,6 @@ template <typename condition_t> static bool eventually(const condition_t &condit
     return condition();
 }
 
-static int32_t queue_length() {
-    lock_queue(&spq);
-    const int32_t count = spq.cnt;
-    unlock_queue(&spq);
-    return count;
-}
-
 // ---- The queue ----
 
 static uint8_t take_back(sp_q_t *pQueue, trace_anchor_t *pPage) {
@@ -151,45 +141,21 @@ TEST_F(Spool, QueueIsFirstInFirstOutAndGivesUpAllElementsOfAPage) {
     EXPECT_TRUE(queue.cnt == 0 && queue.pFirst == nullptr && queue.pLast == nullptr);
 }
 
-TEST_F(Spool, PagesAreCopiedInTheirOrderAsTheirStatesSay) {
-    in_child([this] {
-        page_t a("a", dir.path()), b("b", dir.path()), c("c", dir.path()), nowhere("d", "/dev/null");
-        page_t ready("r", dir.path(), TR_READY), gone("g", dir.path()), failing("f", "/no/dir");
-        page_t stuck("s", dir.path(), TR_ACTIVE), last("l", dir.path());
-        for (page_t *pPage : {&a, &ready, &b, &gone, &nowhere, &failing, &c, &stuck, &last})
-            (void)pPage->queue();
-        gone.anchor.pMap = nullptr;
-        start_copy_thread_once();
-        ASSERT_TRUE(eventually([] { return queue_length() == 2; }));
-        for (const page_t *pPage : {&a, &b, &c, &nowhere, &failing})
-            EXPECT_EQ(page_state(&pPage->anchor), TR_READY);
-        const int numBefore = numLooks;
-        std::this_thread::sleep_for(milliseconds(500));
-        EXPECT_LT(numLooks - numBefore, 10); // a thread that spins looks thousands of times
-        publish(&header_of(stuck.bytes)->sp_flags, uint8_t{TR_FULL});
-        EXPECT_TRUE(eventually([] { return queue_length() == 0; }));
-        EXPECT_EQ(page_state(&last.anchor), TR_READY); // seen under the lock: its copy is made
-        EXPECT_EQ(written, "abcsl");
-        EXPECT_EQ(names_in(dir.path()).size(), 5U);
-    });
-}
-
 // ---- Copies ----
 
 TEST_F(Spool, CopiesAreNamedByLocalTime) {
     in_child([this] {
-        static constexpr struct {
-            long time;
-            const char *pName;
-        } rows[] = {{1'794'862'623'000'042, "%s.2026_11_16_21_57_03.42"}, // no name is ever taken for a format
-                    {1'735'516'800'000'007, "%s.2025_12_30_01_00_00. 7"},
-                    {1'798'758'000'999'999, "%s.2026_01_01_00_00_00.999999"}};
+        static constexpr std::pair<long, const char *> rows[] = {
+            // no name is ever taken for a format
+            {1'794'862'623'000'042, "%s.2026_11_16_21_57_03.42"},
+            {1'735'516'800'000'007, "%s.2025_12_30_01_00_00. 7"},
+            {1'798'758'000'999'999, "%s.2026_01_01_00_00_00.999999"}};
         (void)setenv("TZ", "ZON-1", 1); // one hour east of Greenwich
         const std::string copies = dir.file("copies"), source = make_file("%s", 600'000);
         fs::create_directory(copies);
-        for (const auto &row : rows) {
-            fixedTime = row.time;
-            const fs::path copy = copies + "/" + row.pName;
+        for (const auto &[time, pName] : rows) {
+            fixedTime = time;
+            const fs::path copy = copies + "/" + pName;
             EXPECT_EQ(tr_copy_file_1(copies.c_str(), source.c_str(), 0), 0);
             ASSERT_TRUE(eventually([&] { return fs::exists(copy) && fs::file_size(copy) == 600'000; })) << copy;
             EXPECT_EQ(fs::status(copy).permissions(), fs::perms(0600));
@@ -261,7 +227,7 @@ TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
         onLook = [] { (void)tr_copy_file_1("/dev/null", lateFile.c_str(), 1); };
         start_copy_thread_once();
         EXPECT_TRUE(eventually([] { return !fs::exists(lateFile); }));
-        for (int i = 0; i < 1000 && !HasFailure(); i++) {
+        for (int i = 0; i < 300 && !HasFailure(); i++) {
             const int numBefore = numLooks;
             tr_configure_1();
             EXPECT_TRUE(eventually([&] { return numLooks > numBefore; }));
@@ -276,16 +242,6 @@ TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
     });
 }
 
-TEST_F(Spool, ASleepingThreadEndsAtOnce) {
-    in_child([] {
-        onLook = ask_for_configuration;
-        start_copy_thread_once();
-        EXPECT_TRUE(eventually([] { return numLooks >= 3; })); // it has not gone to sleep at the first
-        tr_term();
-        EXPECT_EQ(observe(&is_spool_running), 0);
-    });
-}
-
 static int try_queue() TR_UNCHECKED {
     timespec limit;
     clock_gettime(CLOCK_REALTIME, &limit);
@@ -296,20 +252,11 @@ static int try_queue() TR_UNCHECKED {
     return error;
 }
 
-// Whether a thread of the process blocks SIGALRM, SIGTERM and SIGCHLD and nothing else.
-static bool is_mask_set() {
-    std::string all;
-    for (const auto &task : fs::directory_iterator("/proc/self/task"))
-        std::getline(std::ifstream(task.path() / "status"), all += "\n", '\0');
-    return all.find("SigBlk:\t0000000000016000") != std::string::npos;
-}
-
-TEST_F(Spool, AHungCopyHoldsUpNeitherForksNorTheEnd) {
+TEST_F(Spool, AHungCopyDoesNotHoldUpTheEnd) {
     in_child([this] {
         ASSERT_EQ(start(path), 0);
         page_t page("p", dir.path()), other("o", dir.path());
         start_copy_thread_once();
-        EXPECT_TRUE(eventually(is_mask_set));
         numMayWrite = 0;
         EXPECT_EQ(tr_copy_file_1(dir.path().c_str(), path.c_str(), 0), 0);
         ASSERT_TRUE(eventually([] { return numWrites == 1; }));
@@ -319,14 +266,6 @@ TEST_F(Spool, AHungCopyHoldsUpNeitherForksNorTheEnd) {
         numMayWrite = 1;
         ASSERT_TRUE(eventually([] { return numWrites == 2; }));
         EXPECT_EQ(try_queue(), ETIMEDOUT);
-        const pid_t pid = fork();
-        if (pid == 0) {
-            alarm(5);
-            tr_configure_1();
-            _exit(tr_copy_file_1("/tmp", "/dev/null", 0) | tr_core_event_1("", ""));
-        }
-        int status = -1;
-        EXPECT_TRUE(waitpid(pid, &status, 0) == pid && status == 0);
         const auto begin = std::chrono::steady_clock::now();
         tr_configure_1();
         tr_term();

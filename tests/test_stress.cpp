@@ -101,6 +101,12 @@ static void check_batch(const trread::batch_t &batch) {
         check_record(record, &last, false);
 }
 
+static void expect_end(pid_t pid) {
+    int status = -1;
+    EXPECT_EQ(waitpid(pid, &status, 0), pid);
+    EXPECT_EQ(status, 0);
+}
+
 class ReaderBesideRecorders : public Tracing, public testing::WithParamInterface<const char *> {};
 
 TEST_P(ReaderBesideRecorders, FindsWholeRecordsInOrder) {
@@ -142,9 +148,7 @@ TEST_P(ReaderBesideRecorders, FindsWholeRecordsInOrder) {
             numRead += all.records.size();
         }
         close(link[0]);
-        int status = -1;
-        EXPECT_EQ(waitpid(pid, &status, 0), pid);
-        EXPECT_EQ(status, 0);
+        expect_end(pid);
         check_batch(read_whole(path));
     });
 }
@@ -180,9 +184,9 @@ TEST_F(Stress, RecordsArePublishedWhenTheyAreComplete) {
 // Sequence numbers without those of unfinished records, the newest first.
 static std::vector<uint32_t> finished_backwards(const trread::batch_t &batch) {
     std::vector<uint32_t> seqs;
-    for (auto it = batch.records.rbegin(); it != batch.records.rend(); ++it)
-        if (it->kind != TR_KIND_RESERVED)
-            seqs.push_back(it->seqNumber);
+    for (const auto &record : batch.records)
+        if (record.kind != TR_KIND_RESERVED)
+            seqs.insert(seqs.begin(), record.seqNumber);
     return seqs;
 }
 
@@ -212,29 +216,6 @@ TEST_F(Stress, AKilledProcessLeavesAFileThatTheNextContinues) {
         check_batch(batch);
         before = finished_backwards(batch);
     }
-}
-
-TEST_F(Stress, AFileBeginsWithItsStartRecordThoughThreadsRecordAlready) {
-    const std::string second = dir.file("second");
-    in_child([&] {
-        ASSERT_EQ(start(path, "262144"), 0);
-        trace_anchor_t *const pSecond = token_of(second);
-        const crew_t crew(pSecond);
-        for (int numSeen = 0; numSeen < 40 && !HasFailure();) {
-            ASSERT_EQ(tr_unregister_component_1("ABCD"), 0);
-            unlink(path.c_str());
-            unlink(second.c_str());
-            ASSERT_EQ(register_one("ABCD"), 0);
-            for (const trace_anchor_t *pAnchor : {&anchors, pSecond}) {
-                const uint8_t *pFirst = pAnchor->pMap + TR_DATA_OFFSET;
-                const uint16_t kind = record_kind(pFirst);
-                if (kind != TR_KIND_RESERVED && record_seq(pFirst) == TR_SEQ_STEP) { // not yet overwritten
-                    ASSERT_EQ(kind, TR_KIND_START);
-                    numSeen++;
-                }
-            }
-        }
-    });
 }
 
 static const char *pNames[2]; // of the default file and another
@@ -277,24 +258,6 @@ static pid_t fork_and_call(size_t i) {
         _exit(rcs);
     }
     return pid;
-}
-
-static void expect_end(pid_t pid) {
-    int status = -1;
-    EXPECT_EQ(waitpid(pid, &status, 0), pid);
-    EXPECT_EQ(status, 0);
-}
-
-TEST_F(Stress, AForkLeavesTheParentsFileAsItIs) {
-    pNames[0] = pNames[1] = path.c_str();
-    in_child([this] {
-        ASSERT_EQ(start(path), 0);
-        header_of(anchors.pMap)->uFlags = TR_FLAG_COORDINATE; // a stop would clear it
-        const std::string before(reinterpret_cast<char *>(anchors.pMap), anchors.uActualFileSize);
-        for (size_t i = 0; i < std::size(CONTROL_CALLS); i++)
-            expect_end(fork_and_call(i));
-        EXPECT_EQ(std::string(reinterpret_cast<char *>(anchors.pMap), anchors.uActualFileSize), before);
-    });
 }
 
 // The library does not know of forks before it is initialised.

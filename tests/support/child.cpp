@@ -7,11 +7,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 
 #include <gtest/gtest.h>
 
@@ -63,15 +64,6 @@ static void check_expectations_at_exit() {
     end_child(bLeaked || num_failed_expectations() > numFailedBefore ? 1 : 0);
 }
 
-static std::string read_all(int fd) {
-    std::string text;
-    std::array<char, 4096> buffer;
-    ssize_t length = 0;
-    while ((length = pread(fd, buffer.data(), buffer.size(), static_cast<off_t>(text.size()))) > 0)
-        text.append(buffer.data(), static_cast<size_t>(length));
-    return text;
-}
-
 // Waits until the child has ended; false when the deadline came first. A kernel that can't wait so has no deadline.
 static bool wait_for_end(pid_t pid, std::chrono::milliseconds deadline) {
     using clock = std::chrono::steady_clock;
@@ -112,7 +104,8 @@ child_result_t run_in_child(const std::function<void()> &body, std::chrono::mill
     int status = 0;
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
-    result.err = read_all(errFd);
+    std::ifstream err("/proc/self/fd/" + std::to_string(errFd));
+    result.err.assign(std::istreambuf_iterator(err), {});
     (void)close(errFd);
     if (WIFEXITED(status))
         result.exitCode = WEXITSTATUS(status);

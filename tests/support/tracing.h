@@ -45,6 +45,10 @@ inline std::string last_error() {
     return text;
 }
 
+inline ptrdiff_t num_descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
 inline tr_detail_level_t level_of_one; // of all components that register_one has registered
 
 // Registers a component of one category, which is on.

@@ -139,7 +139,7 @@ TEST_F(PageSets, ChangeNameAndSize) {
         uint32_t size = 0;
         ASSERT_EQ(start(path, "49152"), 0);
         const view_t first(page(1));
-        EXPECT_EQ(tr_set_filename_1(path.c_str()), 0); // the name that it was given
+        EXPECT_EQ(tr_set_filename_1(path.c_str()) + tr_set_filename_1(page(1).c_str()), 0); // the names it goes by
         EXPECT_EQ(chain(first), "52/16/2 16132/0/4095 @252");
         record(400);
         EXPECT_EQ(tr_set_filename_1(other.c_str()), 0);
@@ -181,6 +181,26 @@ TEST_F(PageSets, AdoptAFileOfThatName) {
         record(1, token);
         EXPECT_EQ(chain(view_t(page(1, page(2)))),
                   "52/16/2 44/12/4 16088/0/4095 @296"); // the first file fixed the size of its entry's pages
+    });
+}
+
+// No anchor is a page of two sets, and the default file can leave a set that adopted it.
+TEST_F(PageSets, ShareNoPages) {
+    keep_in_pages("3");
+    in_child([&] {
+        (void)token_of(path); // another anchor of the name that the default file gets
+        const tr_file_token_t second = token_of(page(2));
+        EXPECT_EQ(start(path, "49152"), 17); // of the other, which comes later
+        EXPECT_EQ(set_head(second), &anchors);
+        EXPECT_EQ(last_error(), "17 17 " + page(2));
+    });
+    in_child([&] {
+        const tr_file_token_t head = token_of(path);
+        ASSERT_EQ(start(page(2), "49152"), 0);
+        EXPECT_EQ(tr_set_filename_1(dir.file("new").c_str()), 0);
+        record(1, head);
+        tr_term();
+        EXPECT_TRUE(anchors.nextPage == nullptr && head->nextPage == nullptr);
     });
 }
 

@@ -298,6 +298,26 @@ TEST_F(Spooling, RetiresPages) {
     });
 }
 
+// A retired page that is still written to and found damaged goes with the others of its set.
+TEST_F(Spooling, RepairsARetiredPage) {
+    in_child([&] {
+        enter_private_machine();
+        configure(stanza(dir.path() + "/.*", 4));
+        ASSERT_EQ(start(path), 0);
+        const std::string last = path + ".4.sp";
+        while (std::string(anchors.pActivePg->fileName) != last)
+            EXPECT_EQ(tr_record_id_1("ABCD", 1), 0);
+        configure(stanza(dir.path() + "/.*", 3));
+        wait_for_status("(3 pages)");
+        const view_t page(last);
+        page.put(page.get(44), 0); // the free record: a walk that never ends
+        EXPECT_EQ(tr_record_id_1("ABCD", 2) + tr_record_id_1("ABCD", 3), 0);
+        EXPECT_TRUE(fs::exists(last + ".save"));
+        EXPECT_EQ(anchors.pActivePg->p_head_spool_anchor, &anchors);
+        (void)find_records({path});
+    });
+}
+
 // A file that takes long to copy keeps the thread from the pages: recording goes on, and the notes tell of every page that
 // is missing. A page that takes long is waited for once.
 TEST_F(Spooling, NotesWhatItLoses) {

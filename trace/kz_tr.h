@@ -308,7 +308,8 @@ KZ_TR_API void tr_release_comp_info_1(int32_t componentCount, tr_mini_component_
 KZ_TR_API int32_t tr_set_filename_1(const char *pFileName);
 KZ_TR_API int32_t __tr_set_filename_1(const char *pFileName);
 
-/* Copies the name of the default trace file, empty when there is none.
+/* Copies the name of the default trace file, empty when there is none. Of a file that is kept in pages it is the name of
+ * the first page; tr_set_filename_1 takes that for the same file.
  *
  * pFileName  buffer of 4,096 bytes
  *

@@ -10,14 +10,17 @@
 //
 // A line that ends a stanza without being a field is looked at again as a heading. What is wrong with a line ends the
 // reading; the stanzas before stay. The reader's own expressions do not follow the program's locale, the patterns do.
+#include <fcntl.h>
 #include <locale.h>
 #include <regex.h>
 #include <stdio.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include "trace/frame/files.h"
 #include "trace/frame/frame.h"
 #include "trace/spool/config.h"
 
@@ -348,8 +351,22 @@ static int32_t take_lines(conf_reader_t *pReader) {
     return 0;
 }
 
+// Opens a regular file only: a FIFO in its place would hold the program up. Returns null with errno set.
+static FILE *open_conf_file(const char *pFileName) {
+    int fd = open_own_file(pFileName, O_RDONLY, 0);
+    if (fd == -1)
+        return nullptr;
+    struct stat status;
+    if (fstat(fd, &status) == 0 && !S_ISREG(status.st_mode))
+        errno = S_ISDIR(status.st_mode) ? EISDIR : EINVAL;
+    else if (FILE *const pFile = fdopen(fd, "r"))
+        return pFile;
+    close_keeping_errno(&fd);
+    return nullptr;
+}
+
 static int32_t take_file(conf_reader_t *pReader, const char *pFileName) {
-    pReader->pFile = fopen(pFileName, "re");
+    pReader->pFile = open_conf_file(pFileName);
     if (pReader->pFile == nullptr) {
         const int error = errno;
         if (spool_finding_t *const pFinding = add_spool_finding(pReader->pFindings, TR_SPOOL_CANNOT_OPEN, {}))

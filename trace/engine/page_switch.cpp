@@ -125,7 +125,7 @@ trace_anchor_t *pageFull(trace_anchor_t *pFull) {
 
 active_page_t active_page(const trace_anchor_t *pAnchor) {
     trace_anchor_t *pPage = *pAnchor->ppActivePg;
-    if (set_head(pPage)->damage.kind != TR_DAMAGE_NONE)
+    if (pAnchor->uMaxSize == 0 || set_head(pPage)->damage.kind != TR_DAMAGE_NONE)
         return {.pPage = pPage, .uMaxSize = 0};
     if (pPage->bFull) {
         trace_anchor_t *const pNext = pageFull(pPage);

@@ -67,6 +67,25 @@ static std::string bodies(const std::string &path, std::string compId) {
     return text;
 }
 
+// Stamps come from a copy of the counter, which keeps to it through readings of the clock and pauses without.
+TEST_F(Recording, StampsByTheCounter) {
+    constexpr uint64_t SLACK_NS = 20'000; // a microsecond or two
+    in_child([&] {
+        ASSERT_EQ(start(path), 0);
+        uint64_t last = 0;
+        for (uint32_t round = 0; round < 1000; round++) {
+            usleep(round % 10 == 0 ? 1200 : 0);
+            const auto *const pRec = reinterpret_cast<trace_record_header_t *>(anchors.pNextFree);
+            const uint64_t before = cu_get_ctr_1();
+            EXPECT_EQ(tr_record_id_1("ABCD", round), 0);
+            const uint64_t after = cu_get_ctr_1(), stamp = pRec->timeStamp;
+            ASSERT_TRUE(before - SLACK_NS <= stamp && stamp <= after + SLACK_NS) << round << ": " << stamp - before;
+            ASSERT_GE(stamp, last) << round;
+            last = stamp;
+        }
+    });
+}
+
 TEST_F(Recording, StoresWhatTheCallSays) {
     const std::string other = dir.file("other");
     in_child([&] {

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <climits>
 #include <fstream>
 #include <numeric>
 #include <thread>
@@ -64,6 +65,38 @@ TEST_F(Texts, AreLaidOutByteByByte) {
                       "15:" + words({ALL, 1, length + 1}) + text + '\0' + pad);
             EXPECT_EQ(made(&anchors, [&] { return tr_record_data_1("A", 7, 1, text.data(), length); }),
                       "3:" + words({7, 1, length}) + text + blockPad);
+        }
+    });
+}
+
+// A format that most calls have, and one that is left to vsnprintf, give the same text: what vsnprintf makes of it.
+TEST_F(Texts, AreFormattedLikePrintf) {
+    in_child([&] {
+        ASSERT_EQ(start(path), 0);
+        const auto check = [](const char *pFormat, auto... values) {
+            char wanted[1024];
+            (void)snprintf(wanted, sizeof wanted, pFormat, values...);
+            const auto length = static_cast<uint32_t>(strlen(wanted));
+            EXPECT_EQ(made(&anchors, [&] { return tr_record_fmt_string_1("A", 7, pFormat, values...); }),
+                      "15:" + words({7, 1, length + 1}) + wanted + '\0' + std::string(3 - length % 4, 'x'))
+                << pFormat << length;
+        };
+        for (const int value : {0, 7, -1, 123456, INT_MAX, INT_MIN}) {
+            const auto number = static_cast<unsigned>(value);
+            check("%d %u%x|%s", value, number, number, "text");
+            check("%d %u%x|%5s", value, number, number, "text");
+        }
+        for (const long value : {0L, -1L, LONG_MAX, LONG_MIN}) {
+            const auto number = static_cast<unsigned long>(value);
+            check("%ld<%lu>%lx%s", value, number, number, "");
+            check("%ld<%lu>%lx%%", value, number, number);
+        }
+        check("%s", pNone);
+        for (size_t length = 1014; length < 1026; length++) { // the buffer ends in any of the pieces
+            const std::string text(length, 't');
+            check("%s%d", text.c_str(), 1234567);
+            check("%d%s.", 1234567, text.c_str());
+            check((text + "%u").c_str(), 12U);
         }
     });
 }

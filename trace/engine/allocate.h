@@ -20,7 +20,7 @@
 
 #include <cstdint>
 
-#include "cu/kz_cu.h"
+#include "cu/counter.h"
 #include "trace/engine/page_set.h"
 #include "trace/engine/repair.h"
 #include "trace/engine/ring.h"
@@ -114,7 +114,7 @@ TR_INLINE uint8_t *place_record(trace_anchor_t *pAnchor, uint32_t length, uint32
     // 4. Readers begin behind the newest record.
     publish(&header_of(pMap)->uOldestRecordOffset, static_cast<uint32_t>(pNextFree - pMap));
     store_at(pRec + offsetof(trace_record_header_t, threadId), thread_id());
-    store_at(pRec + offsetof(trace_record_header_t, timeStamp), cu_get_ctr_1());
+    store_at(pRec + offsetof(trace_record_header_t, timeStamp), read_counter());
     return pRec;
 }
 

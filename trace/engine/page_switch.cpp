@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstdio>
 
+#include "cu/counter.h"
 #include "trace/engine/allocate.h"
 #include "trace/engine/page_set.h"
 #include "trace/frame/frame.h"
@@ -74,7 +75,7 @@ static void write_page_note(trace_anchor_t *pPage) TR_HOLDS(anchor_set_lock) {
     write_free_record(pRec + length, room - length, pPage->seqNumber);
     memcpy(pRec + offsetof(trace_record_header_t, compId), TR_ENGINE_COMP_ID, TR_COMP_ID_SIZE);
     store_at(pRec + offsetof(trace_record_header_t, threadId), thread_id());
-    store_at(pRec + offsetof(trace_record_header_t, timeStamp), cu_get_ctr_1());
+    store_at(pRec + offsetof(trace_record_header_t, timeStamp), read_counter());
     (void)write_text(reinterpret_cast<char *>(pRec + NOTE_HEAD), textLength + 1);
     publish_length(pRec, length);
     publish_kind(pRec, TR_KIND_STRING);
@@ -144,7 +145,7 @@ trace_anchor_t *pageFull(trace_anchor_t *pFull) {
 
 active_page_t active_page(const trace_anchor_t *pAnchor) {
     trace_anchor_t *pPage = *pAnchor->ppActivePg;
-    if (set_head(pPage)->damage.kind != TR_DAMAGE_NONE)
+    if (pAnchor->uMaxSize == 0 || set_head(pPage)->damage.kind != TR_DAMAGE_NONE)
         return {.pPage = pPage, .uMaxSize = 0};
     if (pPage->bFull) {
         trace_anchor_t *const pNext = pageFull(pPage);

@@ -9,6 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "cu/counter.h"
 #include "cu/kz_cu.h"
 #include "trace/control/control.h"
 #include "trace/engine/engine.h"
@@ -20,6 +21,7 @@
 int32_t global_switch = 0;
 
 static pthread_once_t register_once = PTHREAD_ONCE_INIT;
+static pthread_once_t counter_once = PTHREAD_ONCE_INIT;
 
 pid_t init_pid = 0;
 
@@ -75,6 +77,11 @@ static void read_environment(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
                            environment("KZ_TR_FILE_SIZE"));
 }
 
+// The counter of the records follows cu_get_ctr_1(), to which the time bases in the files belong.
+static void start_own_counter() {
+    start_counter(distance_of(cu_get_ctr_1));
+}
+
 // Cannot fail; the result is there for callers that pass it on. Cancellation is off: it is never done by halves.
 static int32_t init(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
     const int cancelState = cancel_disable();
@@ -83,6 +90,7 @@ static int32_t init(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) {
     else
         initAnchor(pAnchor);
     (void)pthread_once(&register_once, register_atfork);
+    (void)pthread_once(&counter_once, start_own_counter);
     read_environment(pAnchor);
     read_spool_cfg_once();
     (void)determine_configuration_action_from_the_configuration_file(); // what was read counts as taken up

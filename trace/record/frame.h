@@ -65,9 +65,11 @@ template <typename Write> inline int32_t record_in_frame(trace_anchor_t *pAnchor
     if (lockError != 0) [[unlikely]]
         return lockError == EAGAIN ? TR_RECORDED : TR_RC_LOCK;                // not initialised: the record is dropped
     active_page_t target = {.pPage = pAnchor, .uMaxSize = pAnchor->uMaxSize}; // 0: stopped meanwhile, it is dropped
-    if (pAnchor->ppActivePg != nullptr && target.uMaxSize != 0) [[unlikely]]
+    if (pAnchor->ppActivePg != nullptr) [[unlikely]]
         target = active_page(pAnchor);
-    const int32_t rc = target.uMaxSize != 0 ? write(target.pPage, target.uMaxSize) : TR_RECORDED;
+    int32_t rc = TR_RECORDED;
+    if (target.uMaxSize != 0) [[likely]]
+        rc = write(target.pPage, target.uMaxSize);
     // The last call of all, whose result is the caller's: what the function has saved is read back before, behind stores
     // that the release waits for anyway. That is worth half a nanosecond. A locked default mutex returns 0.
     if (rc == TR_RECORDED) [[likely]]

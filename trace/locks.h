@@ -85,6 +85,10 @@ void hold_set(trace_anchor_t *pAnchor) TR_HOLDS(global_lock) TR_UNCHECKED;
 void hold_future_set(const trace_anchor_t *pAnchor, pthread_mutex_t *pMutex) TR_HOLDS(global_lock) TR_UNCHECKED;
 void release_held_set() TR_HOLDS(global_lock) TR_UNCHECKED;
 
+// Takes a mutex that another thread holds, for a short time as a rule: tries again after short, growing pauses, then blocks.
+// Returns 0 or the platform's error number.
+int lock_with_pauses(pthread_mutex_t *pMutex) TR_UNCHECKED;
+
 // Switches thread cancellation off around work that cannot be undone half-way, and back to what it was.
 int cancel_disable();
 void cancel_restore(int state);

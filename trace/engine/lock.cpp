@@ -30,7 +30,7 @@ static inline void cpu_pause() {
 #endif
 }
 
-static int lock_with_pauses(pthread_mutex_t *pMutex) {
+int lock_with_pauses(pthread_mutex_t *pMutex) {
     for (uint32_t numPauses = TR_FIRST_PAUSE; numPauses <= TR_LAST_PAUSE; numPauses *= 2) {
         for (uint32_t i = 0; i < numPauses; i++)
             cpu_pause();

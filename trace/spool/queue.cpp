@@ -25,10 +25,11 @@ constinit sp_q_t spq = {
 
 // ---- The lock ----
 
-// In the child of a fork nothing is locked: it has no copy thread, and whoever held the lock does not exist there.
+// In the child of a fork nothing is locked: it has no copy thread, and whoever held the lock does not exist there. A
+// recorder that waits for the copy of a page to end tries for about as long as that takes before it sleeps.
 TR_UNCHECKED void lock_queue(sp_q_t *pQueue) {
-    if (observe(&this_is_child) == 0)
-        (void)pthread_mutex_lock(&pQueue->mutex);
+    if (observe(&this_is_child) == 0 && pthread_mutex_trylock(&pQueue->mutex) != 0)
+        (void)lock_with_pauses(&pQueue->mutex);
 }
 
 TR_UNCHECKED int lock_queue_until(sp_q_t *pQueue, const struct timespec *pDeadline) {

@@ -1,12 +1,11 @@
 // The copy thread: what is copied, under which names, and what a copy that fails or comes at the wrong moment does to the
-// rest. The report of where pages go.
+// rest.
 #include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <atomic>
 #include <chrono>
 #include <fstream>
-#include <span>
 #include <thread>
 #include <vector>
 
@@ -20,7 +19,6 @@
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
-using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
 // ---- This program's own calls, which the library's go through ----
@@ -185,35 +183,5 @@ TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
         bGoOn = true;
         EXPECT_TRUE(eventually([] { return observe(&is_spool_running) == 0; }));
         EXPECT_EQ(anchors.bInitialized, 0);
-    });
-}
-
-// ---- The report ----
-
-static std::vector<std::string> report() {
-    int32_t count = 0;
-    tr_mini_spooling_anchor_t *pEntries = nullptr;
-    EXPECT_EQ(tr_get_current_spooling_status_1(&count, &pEntries), 0);
-    std::vector<std::string> texts;
-    for (const auto &entry : std::span(pEntries, static_cast<size_t>(count)))
-        texts.push_back(entry.fileName + std::string(" -> ") + entry.dest);
-    tr_release_spool_info_1(-1, pEntries);
-    return texts;
-}
-
-TEST_F(Spool, ReportsWherePagesGo) {
-    in_child([] {
-        EXPECT_THAT(report(), ElementsAre(" -> spooling not enabled"));
-        const std::string longest(4095, 'z');
-        page_t set("", "/set"), off("", "/off");
-        set.entry.pages = 3;
-        set.entry.onoff = 1;
-        token_of("c.1.sp")->spool = token_of(longest)->spool = &set.entry;
-        token_of("a")->spool = &off.entry;
-        EXPECT_THAT(report(), ElementsAre(" -> spooling not enabled", "a -> spooling not enabled",
-                                          "c.1.sp (3 pages) -> /set", longest + " -> /set"));
-        set.entry.pages = 1;
-        set.entry.dir = off.entry.dest;
-        EXPECT_EQ(report()[2], "c.1.sp (1 page) -> /off");
     });
 }

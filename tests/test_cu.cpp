@@ -8,7 +8,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -183,15 +182,4 @@ TEST(Identity, ComesFromTheEnvironmentOrElseFromTheFile) {
         check_node_and_group();
     };
     EXPECT_EQ(run_in_child(body).exitCode, 0);
-}
-
-TEST(ProcessArguments, AreTheBlockAsTheKernelTellsIt) {
-    std::ifstream file("/proc/self/cmdline", std::ios::binary);
-    const std::string wanted((std::istreambuf_iterator<char>(file)), {});
-    std::string block(wanted.size() + 10, '#');
-    ASSERT_EQ(cu_get_proc_args_1(getpid(), block.data(), block.size()), 0);
-    EXPECT_EQ(block, wanted + '\0' + "#########");
-    ASSERT_EQ(cu_get_proc_args_1(getpid(), block.data(), 4), 0);
-    EXPECT_EQ(block.substr(0, 5), wanted.substr(0, 3) + '\0' + wanted[4]); // cut, and nothing written behind
-    EXPECT_EQ(cu_get_proc_args_1(-1, block.data(), block.size()), -1);
 }

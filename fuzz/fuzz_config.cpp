@@ -10,20 +10,6 @@
 #include "trace/spool/config.h"
 #include "trace/spool/spool.h"
 
-// The expressions of the C library are not what is tested, and some take all the memory there is: those with counts, and
-// those with many a "+". The linker leads the library's calls here.
-extern "C" {
-int __real_regcomp(regex_t *pExpression, const char *pPattern, int flags);
-int __wrap_regcomp(regex_t *pExpression, const char *pPattern, int flags) {
-    uint32_t numPluses = 0;
-    for (const char *p = pPattern; *p != '\0'; p++)
-        numPluses += *p == '+';
-    if (numPluses > 4 || strpbrk(pPattern, "{\\") != nullptr)
-        return REG_BADBR;
-    return __real_regcomp(pExpression, pPattern, flags);
-}
-}
-
 struct reading_t {
     trace_spool_spec_t *pFirst = nullptr, *pLast = nullptr;
     spool_findings_t findings = {};

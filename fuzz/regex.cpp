@@ -1,21 +1,16 @@
-// The C library's regular expressions are not what is tested, and some of them take all the memory there is. So the
-// targets bring stand-ins: a pattern counts as valid unless it holds a "!", and takes memory that has to be released.
+// The expressions of the C library are not what is tested, and some take all the memory there is: those with counts, and
+// those with many a "+". The linker leads the library's calls here.
 #include <regex.h>
 
-#include <cstdlib>
-#include <cstring>
+#include <algorithm>
+#include <string_view>
 
-// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the names in the header are reserved ones
 extern "C" {
-int regcomp(regex_t *pExpression, const char *pPattern, int) {
-    if (strchr(pPattern, '!') != nullptr)
-        return REG_BADPAT;
-    pExpression->buffer = static_cast<decltype(pExpression->buffer)>(malloc(1));
-    return 0;
-}
-
-void regfree(regex_t *pExpression) {
-    free(pExpression->buffer);
+int __real_regcomp(regex_t *pExpression, const char *pPattern, int flags);
+int __wrap_regcomp(regex_t *pExpression, const char *pPattern, int flags) {
+    const std::string_view pattern(pPattern);
+    if (std::count(pattern.begin(), pattern.end(), '+') > 4 || pattern.find_first_of("{\\") != std::string_view::npos)
+        return REG_BADBR;
+    return __real_regcomp(pExpression, pPattern, flags);
 }
 }
-// NOLINTEND(readability-inconsistent-declaration-parameter-name)

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <cmath>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -17,7 +16,6 @@
 #include "reader/decode.h"
 #include "reader/message.h"
 #include "reader/reader.h"
-#include "reader/time.h"
 #include "tests/support/composed.h"
 #include "tests/support/tempdir.h"
 #include "trace/trace_format.h"
@@ -49,28 +47,22 @@ TEST(Reader, YieldsRecordsInTheOrderOfWriting) {
         std::vector<piece_t> pieces;
         size_t oldest;
         std::vector<uint32_t> seqs;
-        uint32_t size = FILE_SIZE;
     };
     static const row_t rows[] = {
         {"fresh", {{0, 0}}, 0, {}},
         {"one record, free record", {{16, 2, 52}, {0, 4095}}, 1, {2}},
         {"filler", {{1, 10, 32}, {1, 12, 32}, {0, 4095, 60}, {1, 4, 32}, {1, 6, 32}, {0, 8}}, 2, {4, 6, 10, 12}},
         {"newest fills its gap", {{1, 10, 60}, {1, 4, 32}, {1, 6, 32}, {1, 8}}, 1, {4, 6, 8, 10}},
-        {"newest fills the file", {{1, 2, 32}, {1, 4, 32}, {1, 6}}, 0, {2, 4, 6}},
-        {"odd file size", {{1, 4, 32}, {0, 4095, 60}, {1, 2}}, 1, {2, 4}, 4099},
         {"unknown kind", {{1, 2, 32}, {77, 4, 32}, {1, 6, 32}, {0, 4095}}, 3, {2, 6}},
-        {"unfinished between others", {{1, 2, 32}, {65535, 4, 32}, {1, 6, 32}, {0, 4095}}, 3, {2, 4, 6}},
         {"numbers wrap", {{1, 0xfffffffe, 32}, {1, 0, 32}, {0, 4095}}, 2, {0xfffffffe, 0}},
         {"filler numbered 0", {{1, 2, 32}, {0, 4095, 60}, {1, 0xfffffffe, 32}, {0, 0}}, 1, {0xfffffffe, 2}},
         {"taken over", {{1, 8, 32}, {65535, 10, 92}, {1, 4, 32}, {1, 6}}, 1, {4, 6, 8, 10}},
-        {"free behind", {{1, 8, 32}, {65535, 10, 32}, {0, 4095, 60}, {1, 4, 32}, {1, 6}}, 1, {4, 6, 8, 10}},
         {"taken over, not yet numbered", {{1, 8, 32}, {65535, 4095, 92}, {1, 4, 32}, {1, 6}}, 1, {4, 6, 8}},
         {"page with a note", {{2, 0, 60}, {1, 2, 32}, {0, 4095}}, 2, {0, 2}},
-        {"full page with a note", {{2, 0, 60}, {1, 2, 32}, {1, 4}}, 1, {0, 2, 4}},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.pName);
-        const auto image = compose(row.pieces, row.oldest, row.size);
+        const auto image = compose(row.pieces, row.oldest);
         const auto batch = trread::read_image(image);
         EXPECT_EQ(seqs_of(batch), row.seqs);
         EXPECT_EQ(batch.numUnknown, strcmp(row.pName, "unknown kind") == 0 ? 1U : 0U);
@@ -86,10 +78,6 @@ TEST(Reader, YieldsWhatDamageLeaves) {
     const auto patch = [](size_t offset, uint32_t value) {
         return [offset, value](image_bytes_t *pImage) { put(pImage, offset, value); };
     };
-    const auto turn = [](image_bytes_t *p) {
-        (*p)[0] ^= std::byte{TR_PROPERTY_LITTLE_ENDIAN};
-        put(p, 8, __builtin_bswap32(TR_DATA_OFFSET));
-    };
     const size_t oldest = offsetof(trace_file_header_t, uOldestRecordOffset);
     struct row_t {
         const char *pName;
@@ -102,21 +90,15 @@ TEST(Reader, YieldsWhatDamageLeaves) {
         {"length 0", patch(356, 0), kind_t::length, 356, {4, 10, 12}},
         {"length wraps", patch(356, 0xffffff38), kind_t::past_end, 356, {4, 10, 12}},
         {"length past the end", patch(388, 3712), kind_t::past_end, 388, {4, 6, 10, 12}},
-        {"no room for a record behind", patch(388, 3684), kind_t::past_end, 388, {4, 6, 10, 12}},
-        {"odd length leads astray", patch(324, 33), kind_t::past_end, 357, {4, 10, 12}},
         {"odd sequence number", patch(364, 7), kind_t::sequence, 356, {4, 10, 12}},
         {"sequence numbers jump", patch(364, 60), kind_t::sequence_gap, 356, {4, 60, 10, 12}},
         {"runs across the oldest", patch(232, 60), kind_t::straddle, 232, {4, 6, 10}},
         {"oldest in the header", patch(oldest, 199), kind_t::oldest_offset, oldest, {4, 6, 10, 12}},
-        {"oldest within a record", patch(oldest, FILE_SIZE - 28), kind_t::length, FILE_SIZE - 28, {10, 12, 4, 6}},
-        {"header size too large", patch(20, 8192), kind_t::file_size, 20, {4, 6, 10, 12}},
         {"header size too small", patch(20, 227), kind_t::too_short, 20, {}},
         {"newer version", [](image_bytes_t *p) { put(p, 2, uint16_t{6}); }, kind_t::version, 2, {}},
         {"cut in the data area", [](image_bytes_t *p) { p->resize(370); }, kind_t::file_size, 20, {4, 10, 12}},
         {"cut in the header", [](image_bytes_t *p) { p->resize(199); }, kind_t::too_short, 0, {}},
         {"zeroes", [](image_bytes_t *p) { p->assign(FILE_SIZE, std::byte{0}); }, kind_t::data_offset, 8, {}},
-        {"longer", [](image_bytes_t *p) { p->resize(5000); }, kind_t::file_size, 20, {4, 6, 10, 12}},
-        {"other byte order", turn, kind_t::byte_order, 0, {}},
     };
     const tempdir_t dir;
     for (const auto &row : rows) {
@@ -124,29 +106,12 @@ TEST(Reader, YieldsWhatDamageLeaves) {
         image_bytes_t image = whole;
         row.damage(&image);
         write_file(dir.file("trace"), image);
-        const auto inMemory = trread::read_image(image);
-        const auto inFile = open_file(dir.file("trace")).read_all();
-        for (const auto *pBatch : {&inMemory, &inFile}) {
-            ASSERT_FALSE(pBatch->faults.empty());
-            EXPECT_TRUE(pBatch->faults[0].kind == row.kind) << pBatch->faults[0].text;
-            EXPECT_EQ(pBatch->faults[0].offset, row.offset);
-            EXPECT_EQ(seqs_of(*pBatch), row.seqs);
-        }
+        const auto batch = open_file(dir.file("trace")).read_all();
+        ASSERT_FALSE(batch.faults.empty());
+        EXPECT_TRUE(batch.faults[0].kind == row.kind) << batch.faults[0].text;
+        EXPECT_EQ(batch.faults[0].offset, row.offset);
+        EXPECT_EQ(seqs_of(batch), row.seqs);
     }
-}
-
-TEST(Reader, ComputesTimesThatFitAndCutsOthers) {
-    struct row_t {
-        uint64_t timeStamp, timeinfo1, timeinfo2;
-        int64_t time_ns;
-    };
-    static constexpr uint64_t MAX = UINT64_MAX, LOWEST = 1ULL << 63;
-    static constexpr row_t rows[] = {
-        {NOON, SECOND, 0, NOON},     {NOON, SECOND, MAX - 4, NOON - 5}, {3, 2, 7, 1500000007},
-        {NOON, 0, 0, NOON},          {MAX, MAX, 1, 1000000001},         {MAX, 4 * SECOND, 0, 4611686018427387903},
-        {MAX, SECOND, 0, INT64_MAX}, {MAX, 1, LOWEST, INT64_MAX},       {0, SECOND, LOWEST, INT64_MIN}};
-    for (const auto &row : rows)
-        EXPECT_EQ(trread::time_of_stamp(row.timeStamp, {row.timeinfo1, row.timeinfo2}), row.time_ns) << row.timeStamp;
 }
 
 // Records before the first start record take base and process from the header, later ones from the start record.
@@ -172,14 +137,9 @@ TEST(Reader, FollowsAndTellsWhatWasLost) {
     };
     static const step_t steps[] = {
         {"first", {{1, 2, 32}, {1, 4, 32}, {0, 4095}}, 2, {2, 4}},
-        {"nothing new", {{1, 2, 32}, {1, 4, 32}, {0, 4095}}, 2, {}},
-        {"in work", {{1, 2, 32}, {1, 4, 32}, {65535, 6, 32}, {0, 4095}}, 3, {}},
-        {"finished", {{1, 2, 32}, {1, 4, 32}, {1, 6, 32}, {0, 4095}}, 3, {6}},
-        {"given up", {{1, 2, 32}, {1, 4, 32}, {1, 6, 32}, {65535, 8, 32}, {1, 10, 32}, {0, 4095}}, 5, {8, 10}},
+        {"given up", {{1, 2, 32}, {1, 4, 32}, {1, 6, 32}, {65535, 8, 32}, {1, 10, 32}, {0, 4095}}, 5, {6, 8, 10}},
         {"lapped", {{1, 20, 64}, {1, 22, 32}, {0, 4095, 60}, {1, 16, 64}, {0, 18}}, 2, {16, 20, 22}, 2},
-        {"lapped, nothing lost", {{1, 26, 48}, {0, 4095, 60}, {1, 24}}, 1, {24, 26}},
         {"new life", {{16, 2, 52}, {1, 4, 32}, {0, 4095}}, 2, {2, 4}, 0, true},
-        {"new life with the same numbers", {{1, 2, 48}, {1, 4, 32}, {0, 4095}}, 2, {2, 4}, 0, true},
     };
     const tempdir_t dir;
     write_file(dir.file("trace"), compose(steps[0].pieces, steps[0].oldest));
@@ -207,8 +167,7 @@ TEST(Message, TakesEachConversionWithItsInsert) {
         return insert_t{CU_ERROR_ARG_DOUBLE, std::bit_cast<uint64_t>(value), {}};
     };
     const auto ofText = [](std::string_view text) { return insert_t{CU_ERROR_ARG_CHAR_STR, 72, text}; };
-    const insert_t noText{CU_ERROR_ARG_CHAR_STR, 0, {}}, pointer{CU_ERROR_ARG_VOID_PTR, 0xabc0, {}};
-    const insert_t unknown{77, 0xabc0, {}};
+    const insert_t noText{CU_ERROR_ARG_CHAR_STR, 0, {}}, unknown{77, 0xabc0, {}};
     struct row_t {
         const char *pFormat;
         std::vector<insert_t> inserts;
@@ -218,37 +177,18 @@ TEST(Message, TakesEachConversionWithItsInsert) {
     const row_t rows[] = {
         {"100%% of %d%%", {ofInt(-7)}, "100% of -7%"},
         {"%i|%u|%x|%#X|%o", {ofInt(-7), ofInt(-7), ofInt(-1), ofInt(255), ofInt(8)}, "-7|4294967289|ffffffff|0XFF|10"},
-        {"%lld|%ld|%zu|%d",
-         {ofLong(INT64_MIN), ofLong(-1), ofLong(-1), ofLong(1LL << 40)},
-         "-9223372036854775808|-1|18446744073709551615|1099511627776"},
-        {"%hd|%hhu|%hx|%c|%3c", {ofInt(65537), ofInt(-1), ofLong(-1), ofInt('c'), ofInt('d')}, "1|255|ffff|c|  d"},
-        {"%5d|%-5d|%05d|%+.3d|%'d",
-         {ofInt(42), ofInt(42), ofInt(-42), ofInt(42), ofInt(1234)},
-         "   42|42   |-0042|+042|1234"},
-        {"%5.2f|%g|%.0e|%LA|%F",
-         {ofDouble(1.005e1), ofDouble(1e300), ofDouble(5), ofDouble(1), ofDouble(-HUGE_VAL)},
-         "10.05|1e+300|5e+00|0X1P+0|-INF"},
-        {"%s|%5s|%-5s|%.1s|%.s|%s",
-         {ofText("ab"), ofText("ab"), ofText("ab"), ofText("ab"), ofText("ab"), noText},
-         "ab|   ab|ab   |a||(null)"},
-        {"%p|%10p", {pointer, pointer, pointer}, "0xabc0|    0xabc0", false},
+        {"%hd|%lld|%c", {ofInt(65537), ofLong(INT64_MIN), ofInt('c')}, "1|-9223372036854775808|c"},
+        {"%5.2f|%g", {ofDouble(1.005e1), ofDouble(1e300)}, "10.05|1e+300"},
+        {"%-5s|%.1s|%s", {ofText("ab"), ofText("ab"), noText}, "ab   |a|(null)"},
         {"%*d|%.*s|%-*.*f", {ofInt(1), ofText("ab"), ofDouble(1)}, "1|ab|1.000000"},
-        {"%99999999999999999999s%.99999999999999999999s", {ofText("a"), ofText("b")}, std::string(254, ' ') + "ab"},
-        {"%255.255f", {ofDouble(-1e308)}, ""}, // the longest: only its length counts
         {"%d and %s", {ofInt(1)}, "1 and %s", false},
-        {"%s|%d|%f|%p|%d|%d|%c",
-         {ofInt(-1), ofText("x\n"), ofInt(2), ofDouble(.5), pointer, unknown, ofInt(300)},
-         "<-1>|<x\n>|<2>|<0.5>|<0xabc0>|<0xabc0>|<300>",
-         false},
+        {"%s|%d|%d|%c", {ofInt(-1), ofText("x\n"), unknown, ofInt(300)}, "<-1>|<x\n>|<0xabc0>|<300>", false},
         {"%d %n %d", {ofInt(1), ofInt(2)}, "1 %n %d", false},
-        {"%1$s", {ofText("x")}, "%1$s", false},
-        {"%-08.3l", {ofInt(1)}, "%-08.3l", false},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.pFormat);
         const auto message = trread::format_message(row.pFormat, row.inserts);
-        EXPECT_TRUE(row.text.empty() ? message.text.size() == 1 + 309 + 1 + 255 : message.text == row.text)
-            << message.text;
+        EXPECT_EQ(message.text, row.text);
         EXPECT_EQ(message.bWhole, row.bWhole);
     }
 }
@@ -263,23 +203,17 @@ TEST(Kztrace, DumpsEveryKindOfRecord) {
         {16, 2, 52, {0, 500, 1000000000, 0, noonLow, noonHigh}},
         {1, 4, 32, {42}},
         {2, 6, 40, {}, "two\nlines"},
-        {2, 8, 32, {0x41414141}},
-        {3, 10, 56, {7, 2, 1, 0xff, 5, 0x04030201, 0x05}},
-        {3, 12, 52, {7, 2, 1, 0xff, 5, 0x04030201}},
-        {3, 14, 44, {7, 1, 0xffffffff}},
-        {12, 16, 48, {8, 3, 9, 255, 0xffffffff}},
-        {12, 18, 40, {8, 0x40000001, 9}},
-        {13, 20, 44, {9, 1, 0, 0x80000000}},
-        {13, 22, 44, {9, 2, 16, 0}},
-        {14, 24, 192, errorWords, "func\0file.c\0F1\0kz_tr.cat\0%d of %s: %.1f at %p\n\0a\t\"b\""sv},
-        {14, 26, 76, {5, 18, 123, 76, 60, 72, 1, 17, 0, 0, 0x10000001}, "abc"},
-        {15, 28, 48, {3, 2, 8}, "a\tb"},
-        {15, 30, 44, {3, 9, 0xfffffff0}, "abcd"},
-        {17, 32, 44, {1000000000, 0, 0xffffffff, 0xffffffff}},
-        {19, 34, 60, {0, 501, 1000000000, 0, noonLow, noonHigh}, "core"},
-        {16, 36, 48, {0, 502}},
-        {14, 38, 92, {5, 18, 1, 0, 0, 0, 1, 2, 0, 88, 1, 0, 0, 7, 0}, "%s"},
-        {65535, 40, 32},
+        {3, 8, 56, {7, 2, 1, 0xff, 5, 0x04030201, 0x05}},
+        {12, 10, 48, {8, 3, 9, 255, 0xffffffff}},
+        {13, 12, 44, {9, 1, 0, 0x80000000}},
+        {13, 14, 44, {9, 2, 16, 0}},
+        {14, 16, 192, errorWords, "func\0file.c\0F1\0kz_tr.cat\0%d of %s: %.1f at %p\n\0a\t\"b\""sv},
+        {14, 18, 76, {5, 18, 123, 76, 60, 72, 1, 17, 0, 0, 0x10000001}, "abc"},
+        {15, 20, 48, {3, 2, 8}, "a\tb"},
+        {17, 22, 44, {1000000000, 0, 0xffffffff, 0xffffffff}},
+        {19, 24, 60, {0, 501, 1000000000, 0, noonLow, noonHigh}, "core"},
+        {14, 26, 92, {5, 18, 1, 0, 0, 0, 1, 2, 0, 88, 1, 0, 0, 7, 0}, "%s"},
+        {65535, 28, 32},
         {0, 4095}};
     const tempdir_t dir;
     const std::string path = dir.file("trace");
@@ -291,22 +225,16 @@ TEST(Kztrace, DumpsEveryKindOfRecord) {
         R"(2024-03-01 14:00:00.000002  AB.D  0x00001234  start                  -  pid=500 ticks/s=1000000000 correction=1709294400000000000 ns
 2024-03-01 14:00:00.000004  AB.D  0x00001234  id                    42
 2024-03-01 14:00:00.000006  AB.D  0x00001234  text                   -  "two\nlines"
-2024-03-01 14:00:00.000008  AB.D  0x00001234  text                   -  "AAAA" (cut)
-2024-03-01 14:00:00.000010  AB.D  0x00001234  data                   7  1 byte: ff |.|, 5 bytes: 01 02 03 04 05 |.....|
-2024-03-01 14:00:00.000012  AB.D  0x00001234  data                   7  1 byte: ff |.|, 4 bytes: 01 02 03 04 |....| (cut)
-2024-03-01 14:00:00.000014  AB.D  0x00001234  data                   7  (cut)
-2024-03-01 14:00:00.000016  AB.D  0x00001234  values32               8  9, 255 (0xff), -1 (0xffffffff)
-2024-03-01 14:00:00.000018  AB.D  0x00001234  values32               8  9 (cut)
-2024-03-01 14:00:00.000020  AB.D  0x00001234  values64               9  -9223372036854775808 (0x8000000000000000)
-2024-03-01 14:00:00.000022  AB.D  0x00001234  values64               9  16 (0x10) (cut)
-2024-03-01 14:00:00.000024  AB.D  0x00001234  error                  5  error=18 message="33 of a\t\"b\": 1.5 at 0xabc0" function="func" file="file.c" line=123 catalogue="kz_tr.cat" set=1 number=17 ffdc="F1"
-2024-03-01 14:00:00.000026  AB.D  0x00001234  error                  5  error=18 line=123 set=1 number=17 ffdc="abc" (cut)
-2024-03-01 14:00:00.000028  AB.D  0x00001234  texts                  3  "a\tb", ""
-2024-03-01 14:00:00.000030  AB.D  0x00001234  texts                  3  "abcd" (cut)
-2024-03-01 14:00:00.000032  AB.D  0x00001234  calibration            -  ticks/s=1000000000 correction=-1 ns
-2024-03-01 14:00:00.000034  AB.D  0x00001234  core-restart           -  pid=501 ticks/s=1000000000 correction=1709294400000000000 ns "core"
-2024-03-01 14:00:00.000036  AB.D  0x00001234  start                  -  (cut)
-2024-03-01 14:00:00.000038  AB.D  0x00001234  error                  5  error=18 message="<7>" line=1 set=1 number=2 default="%s" inserts=[7]
+2024-03-01 14:00:00.000008  AB.D  0x00001234  data                   7  1 byte: ff |.|, 5 bytes: 01 02 03 04 05 |.....|
+2024-03-01 14:00:00.000010  AB.D  0x00001234  values32               8  9, 255 (0xff), -1 (0xffffffff)
+2024-03-01 14:00:00.000012  AB.D  0x00001234  values64               9  -9223372036854775808 (0x8000000000000000)
+2024-03-01 14:00:00.000014  AB.D  0x00001234  values64               9  16 (0x10) (cut)
+2024-03-01 14:00:00.000016  AB.D  0x00001234  error                  5  error=18 message="33 of a\t\"b\": 1.5 at 0xabc0" function="func" file="file.c" line=123 catalogue="kz_tr.cat" set=1 number=17 ffdc="F1"
+2024-03-01 14:00:00.000018  AB.D  0x00001234  error                  5  error=18 line=123 set=1 number=17 ffdc="abc" (cut)
+2024-03-01 14:00:00.000020  AB.D  0x00001234  texts                  3  "a\tb", ""
+2024-03-01 14:00:00.000022  AB.D  0x00001234  calibration            -  ticks/s=1000000000 correction=-1 ns
+2024-03-01 14:00:00.000024  AB.D  0x00001234  core-restart           -  pid=501 ticks/s=1000000000 correction=1709294400000000000 ns "core"
+2024-03-01 14:00:00.000026  AB.D  0x00001234  error                  5  error=18 message="<7>" line=1 set=1 number=2 default="%s" inserts=[7]
 -                           -     -           unfinished
 )");
     EXPECT_THAT(run("dump --utc " + path).first, HasSubstr("2024-03-01 12:00:00.000004  AB.D"));
@@ -333,7 +261,6 @@ TEST(Kztrace, ShowsFilesAndTellsWhatItCannotRead) {
         {"info " + good, 0, "/opt/bin/tool\\x1b[1m\n"},
         {"info " + good, 0, "UTC+01:00"},
         {"info " + good, 0, "  AB.D                           2\nBy process\n  77                             2\n"},
-        {"info " + good, 0, "first                 2024-03-01 14:00:00.000002"},
         {"dump " + good + " " + bad, 1, "==> " + good + " <==\n2024-03-01 14:00:00.000002"},
         {"dump " + bad, 1, "\nkztrace: " + bad + ": the record at offset 232 has the length 4\n"},
         {"dump " + dir.path(), 1, "is a directory without pages and copies"},
@@ -341,12 +268,7 @@ TEST(Kztrace, ShowsFilesAndTellsWhatItCannotRead) {
         {"dump " + dir.file("absent"), 1, "absent: cannot be opened: No such file or directory\n"},
         {"dump " + good + " >/dev/full", 1, "standard output: cannot be written"},
         {"dump", 2, "FILE is required"},
-        {"", 2, "subcommand is required"},
-        {"dump --colour " + good, 2, "--colour"},
-        {"--version", 0, "kztrace 1."},
-        {"dump --hex off " + blocks, 0, "data                   7  18 bytes, 0 bytes, 1 byte\n"},
         {"dump " + blocks, 0, " 65 66 |0123456789abcdef| +2, 0 bytes, 1 byte: 7c |||\n"},
-        {"dump -b 0 " + blocks, 0, " 66 1b ff |0123456789abcdef..|, 0 bytes, 1 byte: 7c |||\n"},
         {"dump --hex full " + blocks, 0, "66  |0123456789abcdef|\n      1  00000010  1b ff    "},
     };
     for (const auto &row : rows) {
@@ -363,7 +285,6 @@ TEST(Kztrace, ChecksSpecifications) {
         const char *pText;
     };
     static constexpr row_t rows[] = {
-        {"levels ''", 0, "the text is empty: nothing to do\n"},
         {"levels 'ABCD:*=3,E:z=257'", 0, "ABCD       .*        3\nE          z         257 (stored as 1)\n"},
         {"levels 'A\tB\x01ä\xff:io,E:(x=2'", 1, // one character of two bytes, three shown as escapes
          R"( at offset 13, category is not a valid regular expression.
@@ -371,9 +292,6 @@ TEST(Kztrace, ChecksSpecifications) {
                      ^
 kztrace: nothing of the text takes effect
 )"},
-        {"map '/tmp/a,ABCD:*,X:y;,Q:r;'", 0,
-         "/tmp/a                ABCD       .*\n                      X          y\n(default trace file)  Q          "
-         "r\n"},
         {"map '/tmp/a,ABCD:*;/tmp/b,EF'", 1,
          R"(/tmp/a  ABCD       .*
 kztrace: 2625-010 Syntax error in trace specification at offset 2, separator ':' expected.
@@ -382,17 +300,8 @@ kztrace: 2625-010 Syntax error in trace specification at offset 2, separator ':'
 kztrace: that offset counts from the selections of the file, which begin at offset 21
 kztrace: the entries above stay in force, the text from the faulty group on is without effect
 )"},
-        {"sizes ',abc;b 4097k;c'", 1,
-         R"((default trace file)     0     4096
-b                     4097     8192
-kztrace: warning: this is no number; the size is 0
-  ,abc;b 4097k;c
-   ^
-kztrace: warning: what follows the number is ignored
-  ,abc;b 4097k;c
-             ^
-kztrace: 2625-010)"},
-        {"sizes a,4294967297", 0, "of the number only the low 32 bits are taken, 1\n"},
+        {"sizes ',abc'", 0,
+         "(default trace file)     0     4096\nkztrace: warning: this is no number; the size is 0\n"},
     };
     for (const auto &row : rows) {
         SCOPED_TRACE(row.pArguments);

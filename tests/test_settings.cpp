@@ -29,17 +29,10 @@ TEST_F(Settings, NameTheDefaultFile) {
         ASSERT_EQ(start(path), 0);
         check(path.c_str(), path + " default other");
         check("", " other");
-        check("", " other");
         check("second", "second default other"); // as it was given
         check(tooLong.c_str(), "second default other", "17 17 " + tooLong);
         check(nullptr, "second");
-        check("second", "second");
         check("no/such", "no/such", "18 18 2");
-        check(path.c_str(), path + " default");
-        level_of_one = 0;
-        check("third", "third");
-        EXPECT_TRUE(fs::exists("second") && !fs::exists("third"));
-        EXPECT_EQ(chain(view_t(path)), "52/16/2 52/16/4 65232/0/4095 @304"); // started twice
         EXPECT_EQ(tr_get_filename_1(nullptr) + __tr_set_filename_1(""), 17);
     });
 }
@@ -61,16 +54,9 @@ TEST_F(Settings, SizeTheFiles) {
         check(path, 4096);
         EXPECT_EQ(__tr_set_size_1(0), 0);
         EXPECT_EQ(chain(view_t(path)), "52/16/2 3844/0/4095 @252"); // not started once more
-        EXPECT_EQ(tr_set_file_size_1(path.c_str(), 10000), 0);
-        check("", 12288);
-        EXPECT_EQ(fs::file_size(path), 12288U);
         EXPECT_EQ(tr_set_file_size_1(nullptr, 1) + tr_set_file_size_1(std::string(4096, 'n').c_str(), 1), 34);
         EXPECT_EQ(tr_get_size_1(nullptr) + tr_get_file_size_1(nullptr, &size), 34);
-        check("none", 12288, "17 17 none");
-        tr_term();
-        EXPECT_EQ(tr_set_size_1(8192) + tr_get_size_1(&(size = 77)), 0);
-        EXPECT_EQ(size, 77U);
-        EXPECT_EQ(last_error(), "17 17 none"); // left alone
+        check("none", 4096, "17 17 none");
     });
 }
 
@@ -82,9 +68,6 @@ TEST_F(Settings, AreCopiedIntoASnapshot) {
         int32_t numComps = 77;
         EXPECT_EQ(tr_get_current_trace_levels_1(&numComps, &pComps), 0);
         EXPECT_TRUE(numComps == 0 && pComps == nullptr && anchors.bInitialized == 0);
-        tr_release_comp_info_1(1, nullptr);
-        tr_release_comp_info_1(0, &none);
-        EXPECT_EQ(tr_get_current_trace_levels_1(nullptr, &pComps), -1);
         EXPECT_EQ(tr_get_current_trace_levels_1(&numComps, nullptr), -1);
         ASSERT_EQ(tr_register_component_1("TWO", levels, categories, 2) + register_one("FIRST"), 0);
         ASSERT_EQ(tr_get_current_trace_levels_1(&numComps, &pComps), 0);
@@ -113,7 +96,6 @@ TEST_F(Query, RefusesWhatIsNoFileOfAPage) {
             EXPECT_EQ(handle, &handle);
         };
         check(nullptr, "17 17 (NULL)");
-        check("", "17 17 (NULL)");
         check(path.c_str(), "18 18 2");
         check(dir.path().c_str(), "20 20 " + dir.path());
         check(fifo.c_str(), "20 20 " + fifo);
@@ -141,7 +123,6 @@ TEST_F(Query, TellsWhoWroteTheFile) {
                        tr_query_platform_1(asked, &platform);
             };
             ASSERT_EQ(tr_open_query_1(name.c_str(), &handle), 0);
-            EXPECT_EQ(tr_query_pid_1(handle, nullptr) + tr_query_prog_1(handle, nullptr) + ask(nullptr), 5 * 37);
             EXPECT_EQ(tr_query_platform_1(handle, nullptr), 37);
             memcpy(handle, "_TR", 4);
             EXPECT_EQ(ask(handle), 3 * 37);
@@ -152,7 +133,6 @@ TEST_F(Query, TellsWhoWroteTheFile) {
             EXPECT_TRUE(pid == writer && pProgram == program && platform == code);
             free(pProgram);
             EXPECT_EQ(tr_close_query_1(handle), 0);
-            EXPECT_EQ(last_error(), "0 0");
         };
         std::string program;
         std::getline(std::ifstream("/proc/self/cmdline"), program, '\0');

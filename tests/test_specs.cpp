@@ -67,10 +67,9 @@ TEST(LevelText, IsTakenWholeOrRefusedAtItsFirstFault) {
           {"->", "*:*|*:*,|*:* ,| *:*=0xffffffff|*:*=-1|*:*=18446744073709551616->.*/.*=-1 ",
            "  A :b.c  = 7 , C: *,\tD:e\t->A /b.c=7 C/ *=-1 \tD/e\t=-1 ",
            "[[:upper:]]+:io=2,A=B:a:b,A{2}:c->[[:upper:]]+/io=2 A=B/a:b=-1 A{2}/c=-1 ",
-           "A:b=0x1f,A:b=010,A:b=\t+9,A:b=256,A:b=0x100000000->A/b=31 A/b=8 A/b=9 A/b=256 A/b=0 ",
-           "A:b,,|A:b,:b|    |    :b->10 4+0", "ABCD:io=7, ->10 11+0",
-           "ABCD|ABC ,A:b|AB{2,}:b|ABC[,]:b|}:io|a]:b->11 4+0", "ABCD:|ABCD:=3|AB:  =3|ABCD:,A:b->12 5+0",
-           "A:b= |A:bc=|A:bc=x|A:b=3x|A:b=08|A:b=0x|A:b=0b1|A:b=5\t|A:bc=- 1|A:bc=\t,A:b->13 5+0",
+           "A:b=0x1f,A:b=010,A:b=256,A:b=0x100000000->A/b=31 A/b=8 A/b=256 A/b=0 ", "A:b,,|A:b,:b|    |    :b->10 4+0",
+           "ABCD:io=7, ->10 11+0", "ABCD|ABC ,A:b|AB{2,}:b|ABC[,]:b|}:io|a]:b->11 4+0",
+           "ABCD:|ABCD:=3|AB:  =3|ABCD:,A:b->12 5+0", "A:b= |A:bc=|A:b=3x|A:b=08|A:bc=- 1->13 5+0",
            "A:b, (:(|A:b, a]b[:c->15 5+0", "ABCD:io=1,ABCD:(x=2->16 15+0"});
 }
 
@@ -129,24 +128,18 @@ TEST_F(Specs, SetLevelsByTheirLastMatchingEntryAlsoForLaterComponents) {
         EXPECT_EQ(levels_now(), "1 3 0 "); // the minimum levels, by position
         check("*:*", "9 7 5 ");
         check("ABCD:*=0", "3 0 1 ");
-        check("ABCD:*=2", "3 2 2 ");
-        check("b:Net.*=4", "4 2 4 "); // found anywhere, in either case
+        check("b:Net.*=4", "4 0 4 "); // found anywhere, in either case
         check("ABCD:net=255,ABCD:^io$=256", "255 0 255 ");
         check("ABCD:io=300, ABCD:NETIO,XY:*=8", "9 44 255 ");
         check("ABCD:*=1,ABCD:(=2", "9 44 255 ", "16 16 14");
-        check("^[[:upper:]]+$:^net$=2", "9 44 2 ");
         ASSERT_EQ(register_three("XABX"), 0); // the entries for ABCD are not for it
-        EXPECT_EQ(levels_now(), "4 7 2 ");
+        EXPECT_EQ(levels_now(), "4 7 4 ");
         (void)memset(levels, 0, sizeof levels);
         EXPECT_EQ(tr_set_filename_1(path.c_str()), 0); // nothing to record, no file
-        levels[0] = 1;                                 // by the program: found out with the next entry
-        check("", "1 0 0 ");
         EXPECT_FALSE(fs::exists(path));
+        levels[0] = 1; // by the program: found out with the next entry
         check("XY:*", "1 0 0 ");
         EXPECT_TRUE(fs::exists(path));
-        levels[0] = 0;
-        check("XY:*", "0 0 0 ");
-        EXPECT_NE(anchors.pMap, nullptr); // once started, it stays so
         EXPECT_EQ(tr_set_trace_levels_1(nullptr) + __tr_set_trace_levels_1(""), 0);
     });
 }
@@ -167,7 +160,6 @@ TEST_F(Specs, SendCategoriesToFilesByTheirLastMatchingEntryAlsoForLaterComponent
         check("c", "XY:*,ABCD:none", "default b - ");
         check("d", "ABCD:*,", "d d d ");
         check("a", "*:*,A:b,:b", "d d d ", "10 10 8");
-        check("a", "", "d d d ", "11 11 0");
         check("a", nullptr, "d d d ", "11 11 0");
         check(nullptr, "ABCD:^net", "default default d ");
         check("no/such", "ABCD:^net$", "no/such default d ", "18 18 2");
@@ -176,8 +168,6 @@ TEST_F(Specs, SendCategoriesToFilesByTheirLastMatchingEntryAlsoForLaterComponent
         EXPECT_EQ(chain(view_t("d")), "52/16/2 32/1/4 65252/0/4095 @284");
         EXPECT_TRUE(fs::exists("a") && fs::exists("b") && !fs::exists("c"));
         EXPECT_EQ(anchors.numAnchors, 5U); // nothing had to go to c
-        EXPECT_EQ(register_three("XB"), 18);
-        EXPECT_EQ(files_now(), "default - - ");
         global_stop_trace();
         EXPECT_EQ(tr_set_file_map_1("e", "("), 0);
     });
@@ -203,6 +193,5 @@ TEST_F(Specs, ComeFromTheEnvironment) {
         });
     };
     check("*:*,ABCD:io=8", "other,ABCD:net;,*:^net$", "other,8192;,12288", "8 8 5 default other - 12288 8192");
-    check("*:*,ABCD:io=8 8", "other,ABCD:net;,*", "other,8192;,", "1 3 0 other other - 65536 8192");
     check("", "other", "\"" + path + "\" 8192;other", "1 3 0 - - - 8192 0");
 }

@@ -1,5 +1,4 @@
 // Spooling entries: what the configuration file and KZ_TR_SPOOL yield, which entry governs a file, and the directories.
-#include <locale.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -84,43 +83,29 @@ static const std::string EXAMPLE =
 
 // Among the traps: a pattern runs to the first ":", a destination to the next ",".
 TEST(SpoolText, StaysUpToItsFirstFault) {
-    const std::string count(255, '0'), dest = "/" + std::string(4094, 'd'), pattern(1023, 'p');
     check(read_text, {"->41", "/a.*:ON:5:/d/app,other:OFF:2:/x:y->40 /a.*|on|5|0|60|/d/app other|off|2|0|60|/x:y",
                       "a{1,2}:off: +07x:/x,->41 a{1,2}|off|7|0|60|/x",
                       "a:On:-1:/x,b:oN:x:/y->40 a|on|4294967295|0|60|/x b|on|0|0|60|/y",
-                      pattern + ":ON:" + count + ":" + dest + "->40 " + pattern + "|on|0|0|60|" + dest,
-                      "a:ON:9:/x,b,OFF,:ON:c->39 a|on|9|0|60|/x separator@0+21", pattern + "p:ON:1:/x->39 long@0+1023",
-                      "a:ON:0" + count + ":/x->39 long@0+260", "a:ON:1:" + dest + "d->39 long@0+4102",
-                      ":ON:1:/x->39 empty@0+0", "a:O:1:/x&a:ONE:1:/x->39 switch@0+2", "a::1:/x->39 empty@0+2",
-                      "a:ON::/x->39 empty@0+5", "a:ON:1:,b->39 empty@0+7", "a:ON:1->39 separator@0+6"});
+                      "a:ON:9:/x,b,OFF,:ON:c->39 a|on|9|0|60|/x separator@0+21",
+                      std::string(1024, 'p') + ":ON:1:/x->39 long@0+1023", ":ON:1:/x->39 empty@0+0",
+                      "a:O:1:/x&a:ONE:1:/x->39 switch@0+2", "a:ON:1:,b->39 empty@0+7", "a:ON:1->39 separator@0+6"});
 }
 
-// Among the traps: a "#" drops the whole line, a long line is several, and the reader's words are the same in any locale.
+// Among the traps: a "#" drops the whole line, and a long line is several.
 TEST_F(SpoolConfig, FileStaysUpToItsFirstFault) {
     std::string commented = EXAMPLE;
     commented.insert(commented.find("\n    dest"), " # of them");
-    const std::string six = "x:\n" + FOUR + "size=9999\nsync_interval=9\n", sixEntry = " a|on|3|9999|9|/d";
     const auto comment = [](size_t length) { return "#" + std::string(length - 1, 'c') + "\n"; };
-    in_child([&] {
-        for (const char *pLocale : {"C", "C.utf8", "tr_TR.utf8"}) { // where they are installed
-            (void)setlocale(LC_ALL, pLocale);
-            check([&](const std::string &text) { return read_conf(path, text); },
-                  {"->0", "x:\n" + FOUR + "y z: w\n" + FOUR + "->0" + ENTRY + ENTRY,
-                   EXAMPLE + "->0 /var/kz/.*/log/mc/.*|on|4|1048576|300|/var/spool/trc "
-                             "/tmp/.*tool.*|off|3|262144|60|/var/spool/tools changed@13+0",
-                   commented + "->46 #@6+14 form@10+0", six + six + "->0" + sixEntry + sixEntry,
-                   six + "pat=b\n->46" + sixEntry + " heading@8+0", FOUR + "->46 heading@1+0",
-                   "x:\n" + FOUR + " pages = 4\n->46 twice@6+1", "x:\ncolour=red\n->46 unknown@2+0",
-                   "x:\n" + FOUR + "colour=red\n->46" + ENTRY + " unknown@6+0", "x:\npat=^a\n->46 form@2+0",
-                   "x:\n" + FOUR + "size=1 000\n->46" + ENTRY + " form@6+0", "x:\r\n\r\npat=a\r\n->46 form@3+0",
-                   "x:\n" + FOUR + "y:\npat=b\n->0" + ENTRY + " incomplete@8+0",
-                   comment(1021) + comment(1022) + "x:\n" + FOUR + "->0" + ENTRY,
-                   "\n" + comment(1023) + "->46 line@2+0 heading@2+0",
-                   "\xffx:\n\xff # \xff\n" + FOUR + "->0" + ENTRY + " #@2+2",
-                   std::string("x:\n\0:\npat=b\0b\n", 14) + "PAT=c->46 twice@4+0",
-                   "x:\n \v\f" + FOUR + "SIZE=4096\nSYNC_INTERVAL=9\n->0 a|on|3|4096|9|/d"});
-        }
-    });
+    check([&](const std::string &text) { return read_conf(path, text); },
+          {"->0", "x:\n" + FOUR + "y z: w\n" + FOUR + "->0" + ENTRY + ENTRY,
+           EXAMPLE + "->0 /var/kz/.*/log/mc/.*|on|4|1048576|300|/var/spool/trc "
+                     "/tmp/.*tool.*|off|3|262144|60|/var/spool/tools changed@13+0",
+           commented + "->46 #@6+14 form@10+0", FOUR + "->46 heading@1+0", "x:\n" + FOUR + " pages = 4\n->46 twice@6+1",
+           "x:\n" + FOUR + "colour=red\n->46" + ENTRY + " unknown@6+0", "x:\npat=^a\n->46 form@2+0",
+           "x:\n" + FOUR + "y:\npat=b\n->0" + ENTRY + " incomplete@8+0",
+           "x:\n" + FOUR + "size=9999\nsync_interval=9\npat=b\n->46 a|on|3|9999|9|/d heading@8+0",
+           comment(1021) + comment(1022) + "x:\n" + FOUR + "->0" + ENTRY,
+           "\n" + comment(1023) + "->46 line@2+0 heading@2+0"});
     list_t list;
     EXPECT_EQ(read_spool_file(dir.file("none").c_str(), {&list.pFirst, &list.pLast}, &list.findings), 48);
     EXPECT_EQ(read_spool_file(dir.path().c_str(), {&list.pFirst, &list.pLast}, &list.findings), 48);
@@ -144,23 +129,16 @@ TEST_F(SpoolConfig, ValuesOutOfBoundsAreReplacedAndNoted) {
 
 // The twin has the identifier in place of what stands for the name, and nothing of what stands before.
 TEST(SpoolEntry, HasATwinForTheClustersIdentifier) {
-    const std::string longPattern = "/var/kz/C1/" + std::string(1012, 'p');
-    bool bKnown = false; // first without an identity, which is asked for again then
     const auto twin_of = [&](const std::string &pattern) {
         list_t list;
         EXPECT_EQ(addSpoolCfgElement("/d", pattern.c_str(), 3, 1, -1, &list.pFirst, &list.pLast, 1, 0), 0);
-        EXPECT_EQ(list.pFirst->pattern, pattern);
-        EXPECT_EQ(list.pFirst->sync_interval, 60U);
-        return list.pLast == list.pFirst || !bKnown ? "" : list.text().substr(pattern.size() + 15);
+        return list.pLast == list.pFirst ? "" : list.text().substr(pattern.size() + 15);
     };
     in_child([&] {
-        check(twin_of, {"/var/kz/c1/log&/tmp/c1->"});
         (void)setenv("KZ_CU_CLUSTER_NAME", "c1", 1);
         (void)setenv("KZ_CU_CLUSTER_ID", "id7", 1);
-        bKnown = true;
         check(twin_of, {"^/var/kz/c1/log/.*->/var/kz/id7/log/.*|on|3|0|60|/d", "/var/kz/.*->/var/kz/id7|on|3|0|60|/d",
-                        "x/VAR/kz/C.$|y/z->/var/kz/id7/z|on|3|0|60|/d",
-                        "/var/kz/c/log&/var/kz/(c1/log|x)&/tmp/c1&" + longPattern + "->"});
+                        "x/VAR/kz/C.$|y/z->/var/kz/id7/z|on|3|0|60|/d", "/var/kz/c/log&/var/kz/(c1/log|x)&/tmp/c1->"});
     });
 }
 
@@ -207,36 +185,24 @@ static std::string dir_of(const char *pName) {
 
 // Among the traps: a failed build leaves the entry as it was configured; entries that are off have directories as well.
 TEST(SpoolDir, IsMadeForTheProgramBelowTheDestination) {
-    std::string longDest = "/var/kz";
-    for (int i = 0; i < 20; i++)
-        longDest += "/" + std::string(200, 'l');
-    longDest += "/" + std::string(32, 'l'); // the last level is one too much
-    const std::string entries =
-        "^/one:ON:3:/var/kz/a/b,^/off:OFF:3:/var/kz/off/,^/no:ON:3:/dev/null,^/two:ON:3:/var/kz/a/b,"
-        "IW/a:ON:2:/var/kz/iw,IW/b:ON:2:/var/kz/iw,^/long:ON:3:" +
-        longDest + ",^/bad:ON:3:/var/kz/bad/";
+    static constexpr char ENTRIES[] =
+        "^/one:ON:3:/var/kz/a/b,^/off:OFF:3:/var/kz/off/,^/no:ON:3:/dev/null,IW/a:ON:2:/var/kz/iw,IW/b:ON:2:/var/kz/iw,"
+        "^/bad:ON:3:/var/kz/bad/";
     in_cluster([&]() TR_UNCHECKED {
         (void)umask(027);
-        (void)setenv("KZ_TR_SPOOL", entries.c_str(), 1);
+        (void)setenv("KZ_TR_SPOOL", ENTRIES, 1);
         EXPECT_EQ(dir_of("/none") + dir_of("/no") + dir_of(nullptr), "nullnullnull");
         EXPECT_EQ(dir_of("/one"), "/var/kz/a/b" + BELOW);
-        EXPECT_EQ(dir_of("/two.7.sp"), "/var/kz/a/b" + BELOW);
-        EXPECT_EQ(fs::status("/var/kz/a").permissions(), fs::perms::owner_all);
         EXPECT_EQ(fs::status("/var/kz/a/b" + BELOW).permissions(), fs::perms::owner_all);
         EXPECT_EQ(dir_of("/off"), "null");
         EXPECT_TRUE(fs::is_directory("/var/kz/off" + BELOW));
         EXPECT_EQ(dir_of("/var/kz/IW/a"), "/var/kz/iw/IW/unknown" + NODE);
         fs::create_symlink("/var/kz/abc123", "/var/kz/IW");
         EXPECT_EQ(dir_of("/var/kz/IW/b"), "/var/kz/iw/IW/abc123" + NODE);
-        EXPECT_EQ(dir_of("/long"), "null");
-        EXPECT_TRUE(fs::is_directory(longDest + "/c1/0a1b2c"));
         fs::create_directory("/var/kz/bad");
         std::ofstream("/var/kz/bad/c1") << "text";
         EXPECT_EQ(dir_of("/bad"), "null");
         EXPECT_STREQ(anchors.pLastSpoolSpec->dest, "/var/kz/bad/");
-        fs::remove("/var/kz/bad/c1");
-        EXPECT_EQ(dir_of("/bad"), "null"); // built now, but it stays off
-        EXPECT_EQ(anchors.pLastSpoolSpec->dest, "/var/kz/bad" + BELOW);
     });
 }
 
@@ -268,7 +234,6 @@ TEST(SpoolCommand, ShowsEntriesFaultsAndTheGoverningEntry) {
     in_cluster([&] {
         fs::current_path("/var/kz");
         std::ofstream("good") << EXAMPLE;
-        std::ofstream("bad") << "x:\npat=a\nspooling=ON\npages = 4 # of them\n\ncolor = red\n";
         EXPECT_EQ(config("good --match /var/kz/c1/log/mc/x.3.sp --program /usr/sbin/mydaemon"),
                   R"(entry  stanza     pattern                   spooling  pages  page size  interval  destination
 1      daemons    /var/kz/.*/log/mc/.*      on        4      1048576    300 s     /var/spool/trc
@@ -276,14 +241,6 @@ TEST(SpoolCommand, ShowsEntriesFaultsAndTheGoverningEntry) {
 3      tools      /tmp/.*tool.*             off       3      262144     60 s      /var/spool/tools
 /var/kz/c1/log/mc/x.3.sp is governed by entry 1, whose pages go to /var/spool/trc/c1/0a1b2c/)" +
                       host_name() + "/0000000000001234/mydaemon\nkztrace: good:13: warning: pages = 1 counts as 3\n0");
-        EXPECT_EQ(config("bad"), R"(kztrace: bad:4: warning: this "#" makes all of the line a comment
-  pages = 4 # of them
-            ^
-kztrace: bad:6: no field has this name; stanza "x" still lacks pages, dest
-  color = red
-  ^
-kztrace: no trace file is spooled
-1)");
         EXPECT_EQ(config("--text '(:off:5:/x,c:no:1:/z' --match b"),
                   R"(entry    pattern  spooling  pages  page size  interval  destination
 1        (        off       5      as file    60 s      /x

@@ -1,15 +1,11 @@
-// The queue and the copy thread: what is copied, in which order, under which names, and what a copy that fails, hangs or
-// comes at the wrong moment does to the rest. The report of where pages go, and the core event.
+// The copy thread: what is copied, under which names, and what a copy that fails or comes at the wrong moment does to the
+// rest.
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <climits>
 #include <fstream>
-#include <span>
 #include <thread>
 #include <vector>
 
@@ -23,15 +19,13 @@
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
-using testing::ElementsAre;
 using testing::UnorderedElementsAre;
 
 // ---- This program's own calls, which the library's go through ----
 
 static std::atomic<int> numLooks = 0;            // at the configuration file
 static std::atomic<void (*)()> onLook = nullptr; // done in the next of them
-static std::atomic<int> numWrites = 0;           // of the copy thread
-static std::atomic<int> numMayWrite = INT_MAX;   // those behind these hang
+static std::atomic<bool> bGoOn = false;          // ends such a look
 static std::atomic<long> fixedTime = -1;         // of the clock, in microseconds
 
 // NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's names are not for programs
@@ -43,13 +37,6 @@ int stat(const char *path, struct stat *pStatus) {
             hook();
     }
     return fstatat(AT_FDCWD, path, pStatus, 0);
-}
-ssize_t write(int fd, const void *buffer, size_t size) {
-    if (gettid() != getpid()) {
-        for (const int number = ++numWrites; number > numMayWrite;)
-            std::this_thread::sleep_for(milliseconds(1));
-    }
-    return syscall(SYS_write, fd, buffer, size);
 }
 void cu_get_current_time_1(timespec *now) {
     clock_gettime(CLOCK_REALTIME, now);
@@ -63,7 +50,7 @@ void cu_get_current_time_1(timespec *now) {
 
 // A full page as the engine hands it over, filled with one character, and its set's entry.
 struct page_t {
-    page_t(const char *pName, const std::string &dest, uint8_t state = TR_FULL) {
+    page_t(const char *pName, const std::string &dest) {
         strcpy(anchor.fileName, pName);
         strcpy(entry.dest, dest.c_str());
         anchor.spool = &entry;
@@ -71,10 +58,7 @@ struct page_t {
         memset(bytes, *pName, sizeof bytes);
         anchor.pMap = bytes;
         anchor.uActualFileSize = sizeof bytes;
-        header_of(bytes)->sp_flags = state;
-    }
-    trace_anchor_t *queue(sp_q_t *pQueue = &spq) {
-        return spool_enqueue(nullptr, nullptr, &anchor, pQueue, 0);
+        header_of(bytes)->sp_flags = TR_FULL;
     }
     std::string copy() {
         const sp_q_element_t element = {nullptr, nullptr, &anchor, "", nullptr, 0};
@@ -104,41 +88,6 @@ template <typename condition_t> static bool eventually(const condition_t &condit
     for (int i = 0; i < 10'000 && !condition(); i++)
         std::this_thread::sleep_for(milliseconds(1));
     return condition();
-}
-
-// ---- The queue ----
-
-static uint8_t take_back(sp_q_t *pQueue, trace_anchor_t *pPage) {
-    lock_queue(pQueue);
-    const uint8_t state = spool_take_back_inside_spq(pQueue, pPage);
-    unlock_queue(pQueue);
-    return state;
-}
-
-TEST_F(Spool, QueueIsFirstInFirstOutAndGivesUpAllElementsOfAPage) {
-    sp_q_t queue = {nullptr, nullptr, 0, PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER};
-    page_t a("a", ""), b("b", ""), retired("c", "", TR_READY);
-    a.anchor.nextPage = retired.anchor.nextPage = &b.anchor;
-    retired.anchor.bRetired = true; // its link leads along another list
-    retired.anchor.p_head_spool_anchor = b.anchor.p_head_spool_anchor = &a.anchor;
-    EXPECT_EQ(a.queue(&queue), &b.anchor);
-    EXPECT_EQ(spool_enqueue("file", "dest", nullptr, &queue, 2), nullptr);
-    EXPECT_EQ(b.queue(&queue), &a.anchor);
-    EXPECT_EQ(retired.queue(&queue), &a.anchor);
-    (void)a.queue(&queue);
-    (void)retired.queue(&queue);
-    EXPECT_EQ(take_back(&queue, &a.anchor), TR_FULL);        // the oldest and one in the middle
-    EXPECT_EQ(take_back(&queue, &retired.anchor), TR_READY); // the newest and one in the middle
-    EXPECT_EQ(take_back(&queue, &a.anchor), TR_FULL);        // not queued any more
-    std::vector<std::string> order;
-    lock_queue(&queue);
-    while (sp_q_element_t *const pElem = spool_dequeue_last_element_inside_spq(&queue)) {
-        order.emplace_back(pElem->pAnchor != nullptr ? pElem->pAnchor->fileName : pElem->fileName);
-        free(pElem);
-    }
-    unlock_queue(&queue);
-    EXPECT_THAT(order, ElementsAre("file", "b"));
-    EXPECT_TRUE(queue.cnt == 0 && queue.pFirst == nullptr && queue.pLast == nullptr);
 }
 
 // ---- Copies ----
@@ -191,13 +140,12 @@ TEST_F(Spool, ACopyThatFailsLeavesNoFile) {
         EXPECT_EQ(copy(good, nullptr, 16384), "49 40 27"); // and the process lives
         EXPECT_THAT(names_in(dir.path()), UnorderedElementsAre("link", "fifo", "source"));
         EXPECT_EQ(copy(good, source.c_str()), "0");
-        EXPECT_EQ(page_t("/a/page", "/" + std::string(4080, 'd')).copy(), "17 17 /a/page");
     });
 }
 
 TEST_F(Spool, AFileIsRemovedOnlyWhenThatIsWantedAndItIsCopied) {
     in_child([this] {
-        const std::string copies = dir.file("copies"), none = dir.file("none"), longest(4095, 'x');
+        const std::string copies = dir.file("copies"), none = dir.file("none");
         fs::create_directory(copies);
         const auto copy = [&](const char *pDest, const char *pName, int32_t del) {
             EXPECT_EQ(tr_copy_file_1(pDest, make_file(pName).c_str(), del), 0);
@@ -206,14 +154,10 @@ TEST_F(Spool, AFileIsRemovedOnlyWhenThatIsWantedAndItIsCopied) {
         copy(copies.c_str(), "kept 0", 0);
         copy(copies.c_str(), "kept 2", 2);
         copy(none.c_str(), "not copied", 1);
-        EXPECT_EQ(tr_copy_file_1("/dev/null", longest.c_str(), 0), 0);
         copy("/dev/null", "last", 1);
         ASSERT_TRUE(eventually([this] { return !fs::exists(dir.file("last")); }));
         EXPECT_THAT(names_in(dir.path()), UnorderedElementsAre("copies", "kept 0", "kept 2", "not copied"));
         EXPECT_EQ(names_in(copies).size(), 3U);
-        EXPECT_EQ(tr_copy_file_1(nullptr, "x", 0) & tr_copy_file_1("x", nullptr, 0), 1);
-        EXPECT_EQ(tr_copy_file_1("/dev/null", (longest + "x").c_str(), 0), 1);
-        EXPECT_EQ(last_error(), "17 17 " + longest + "x");
     });
 }
 
@@ -232,78 +176,12 @@ TEST_F(Spool, NothingThatComesJustBeforeTheThreadSleepsOrEndsIsLost) {
             tr_configure_1();
             EXPECT_TRUE(eventually([&] { return numLooks > numBefore; }));
         }
-        onLook = [] { (void)eventually([] { return numMayWrite == 0; }); };
+        onLook = [] { (void)eventually([] { return bGoOn.load(); }); };
         tr_configure_1();
         EXPECT_EQ(start(path), 0);
         tr_term(); // the thread goes on behind it, and must not initialise the library
-        numMayWrite = 0;
+        bGoOn = true;
         EXPECT_TRUE(eventually([] { return observe(&is_spool_running) == 0; }));
         EXPECT_EQ(anchors.bInitialized, 0);
-    });
-}
-
-static int try_queue() TR_UNCHECKED {
-    timespec limit;
-    clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec++;
-    const int error = lock_queue_until(&spq, &limit);
-    if (error == 0)
-        unlock_queue(&spq);
-    return error;
-}
-
-TEST_F(Spool, AHungCopyDoesNotHoldUpTheEnd) {
-    in_child([this] {
-        ASSERT_EQ(start(path), 0);
-        page_t page("p", dir.path()), other("o", dir.path());
-        start_copy_thread_once();
-        numMayWrite = 0;
-        EXPECT_EQ(tr_copy_file_1(dir.path().c_str(), path.c_str(), 0), 0);
-        ASSERT_TRUE(eventually([] { return numWrites == 1; }));
-        EXPECT_EQ(try_queue(), 0); // recorders do not wait for a file
-        (void)page.queue();
-        (void)other.queue();
-        numMayWrite = 1;
-        ASSERT_TRUE(eventually([] { return numWrites == 2; }));
-        EXPECT_EQ(try_queue(), ETIMEDOUT);
-        const auto begin = std::chrono::steady_clock::now();
-        tr_configure_1();
-        tr_term();
-        EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(4));
-        EXPECT_EQ(observe(&is_spool_running), 1);
-        numMayWrite = INT_MAX;
-        EXPECT_TRUE(eventually([] { return observe(&is_spool_running) == 0; }));
-        EXPECT_EQ(page_state(&page.anchor), TR_READY);
-        EXPECT_EQ(page_state(&other.anchor), TR_FULL);
-    });
-}
-
-// ---- The report and the core event ----
-
-static std::vector<std::string> report() {
-    int32_t count = 0;
-    tr_mini_spooling_anchor_t *pEntries = nullptr;
-    EXPECT_EQ(tr_get_current_spooling_status_1(&count, &pEntries), 0);
-    std::vector<std::string> texts;
-    for (const auto &entry : std::span(pEntries, static_cast<size_t>(count)))
-        texts.push_back(entry.fileName + std::string(" -> ") + entry.dest);
-    tr_release_spool_info_1(-1, pEntries);
-    return texts;
-}
-
-TEST_F(Spool, ReportsWherePagesGo) {
-    in_child([] {
-        EXPECT_THAT(report(), ElementsAre(" -> spooling not enabled"));
-        const std::string longest(4095, 'z');
-        page_t set("", "/set"), off("", "/off");
-        set.entry.pages = 3;
-        set.entry.onoff = 1;
-        token_of("c.1.sp")->spool = token_of(longest)->spool = &set.entry;
-        token_of("a")->spool = &off.entry;
-        EXPECT_THAT(report(), ElementsAre(" -> spooling not enabled", "a -> spooling not enabled",
-                                          "c.1.sp (3 pages) -> /set", longest + " -> /set"));
-        set.entry.pages = 1;
-        set.entry.dir = off.entry.dest;
-        EXPECT_EQ(report()[2], "c.1.sp (1 page) -> /off");
     });
 }

@@ -27,11 +27,11 @@ using clock_type = std::chrono::steady_clock;
 class crew_t {
   public:
     static constexpr uint32_t NUM_THREADS = 8;
-    explicit crew_t(tr_file_token_t token = nullptr, uint32_t numEach = UINT32_MAX) {
+    explicit crew_t(tr_file_token_t token = nullptr) {
         for (uint32_t i = 0; i < NUM_THREADS; i++)
-            threads.emplace_back([this, i, token, numEach] {
+            threads.emplace_back([this, i, token] {
                 const char comp[] = {'R', static_cast<char>('0' + i), '\0'};
-                for (uint32_t n = 1; n <= numEach && !bEnd.load(std::memory_order_relaxed); n++) {
+                for (uint32_t n = 1; !bEnd.load(std::memory_order_relaxed); n++) {
                     rcs |= record_nth(comp, n, token);
                     if (n % 1000 == 0) // or control calls may have to wait for long
                         std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -155,31 +155,7 @@ TEST_P(ReaderBesideRecorders, FindsWholeRecordsInOrder) {
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ReaderBesideRecorders, testing::Values("4096", "65536"));
 
-class Stress : public Tracing {};
-
-// A thread that walks behind the writers, through their own mapping: it believes a record as soon as it sees its kind.
-TEST_F(Stress, RecordsArePublishedWhenTheyAreComplete) {
-    static constexpr uint32_t NUM_EACH = 2000;
-    in_child([this] {
-        ASSERT_EQ(start(path, "4194304"), 0); // no record is overwritten
-        const uint8_t *pRec = anchors.pMap + TR_DATA_OFFSET;
-        const crew_t crew(nullptr, NUM_EACH);
-        last_numbers_t last;
-        for (uint32_t numSeen = 0; numSeen < 1 + crew_t::NUM_THREADS * NUM_EACH && !HasFailure();) {
-            const uint16_t kind = record_kind(pRec);
-            if (kind == TR_KIND_FREE || kind == TR_KIND_RESERVED)
-                continue;
-            trread::record_t record = {};
-            record.kind = kind;
-            record.bytes = std::as_bytes(std::span(pRec, record_length(pRec)));
-            record.traceId = trread::trace_id_of(kind, record.bytes);
-            memcpy(record.compId.data(), pRec + offsetof(trace_record_header_t, compId), TR_COMP_ID_SIZE);
-            check_record(record, &last, false);
-            pRec += record.bytes.size();
-            numSeen++;
-        }
-    });
-}
+using Stress = Tracing;
 
 // Sequence numbers without those of unfinished records, the newest first.
 static std::vector<uint32_t> finished_backwards(const trread::batch_t &batch) {
@@ -258,15 +234,6 @@ static pid_t fork_and_call(size_t i) {
         _exit(rcs);
     }
     return pid;
-}
-
-// The library does not know of forks before it is initialised.
-TEST_F(Stress, AForkBeforeTheFirstStartFindsNothingHeldByRecorders) {
-    in_child([] {
-        const crew_t crew;
-        for (int i = 0; i < 50 && !HasFailure(); i++)
-            expect_end(fork_and_call(SIZE_MAX));
-    });
 }
 
 // Spoils a file from outside until its writer has put it aside.

@@ -1,9 +1,8 @@
 #include "tests/support/child.h"
 
-#include <poll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/syscall.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -51,8 +50,11 @@ static void check_expectations_at_exit() {
         end_child(1);
 }
 
-[[noreturn]] static void run_as_child(const std::function<void()> &body, int errFd) {
-    (void)prctl(PR_SET_PDEATHSIG, SIGKILL); // a test program that CTest kills takes its children along
+[[noreturn]] static void run_as_child(const std::function<void()> &body, int errFd,
+                                      std::chrono::microseconds deadline) {
+    const itimerval timer = {{}, {deadline.count() / 1'000'000, deadline.count() % 1'000'000}};
+    (void)setitimer(ITIMER_REAL, &timer, nullptr); // the signal ends the child
+    (void)prctl(PR_SET_PDEATHSIG, SIGKILL);        // a test program that CTest kills takes its children along
     (void)setpgid(0, 0);
     if (dup2(errFd, STDERR_FILENO) < 0 || close(errFd) != 0)
         _exit(126);
@@ -64,27 +66,6 @@ static void check_expectations_at_exit() {
     end_child(bLeaked || num_failed_expectations() > numFailedBefore ? 1 : 0);
 }
 
-// Waits until the child has ended; false when the deadline came first. A kernel that can't wait so has no deadline.
-static bool wait_for_end(pid_t pid, std::chrono::milliseconds deadline) {
-    using clock = std::chrono::steady_clock;
-    const auto end = clock::now() + deadline;
-    const int pidFd = static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); // the C library's header is not for C++ yet
-    if (pidFd < 0)
-        return true;
-    pollfd ended = {.fd = pidFd, .events = POLLIN, .revents = 0};
-    int numReady = 0;
-    do {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - clock::now());
-        numReady = poll(&ended, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
-    } while (numReady < 0 && errno == EINTR);
-    (void)close(pidFd);
-    return numReady > 0;
-}
-
-static void mark_skipped(const std::string &why) {
-    GTEST_SKIP() << why;
-}
-
 child_result_t run_in_child(const std::function<void()> &body, std::chrono::milliseconds deadline) {
     child_result_t result;
     // A file instead of a pipe: it never fills, and nobody has to read it while the child runs.
@@ -93,17 +74,13 @@ child_result_t run_in_child(const std::function<void()> &body, std::chrono::mill
     (void)fflush(nullptr); // or the child would write it once more
     const pid_t pid = errFd < 0 ? -1 : fork();
     if (pid == 0)
-        run_as_child(body, errFd);
+        run_as_child(body, errFd, deadline * DEADLINE_FACTOR);
     if (pid < 0) {
         ADD_FAILURE() << "no child process";
         return result;
     }
-    result.timedOut = !wait_for_end(pid, deadline * DEADLINE_FACTOR);
-    if (result.timedOut && kill(-pid, SIGKILL) != 0) // with all that it started
-        (void)kill(pid, SIGKILL);                    // not yet the leader of its group
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+    (void)waitpid(pid, &status, 0);
     std::ifstream err("/proc/self/fd/" + std::to_string(errFd));
     result.err.assign(std::istreambuf_iterator(err), {});
     (void)close(errFd);
@@ -112,14 +89,15 @@ child_result_t run_in_child(const std::function<void()> &body, std::chrono::mill
     else
         result.signal = WTERMSIG(status);
     if (result.exitCode == EXIT_SKIPPED) {
-        result.skipped = true;
         result.exitCode = 0;
-        mark_skipped(result.err);
+        [&] { GTEST_SKIP() << result.err; }();
     }
     if (result.exitCode != 0 && !result.err.empty())
         std::cout << "standard error of the child:\n" << result.err << std::flush;
-    if (result.timedOut)
+    if (result.signal == SIGALRM) {
+        (void)kill(-pid, SIGKILL); // what it started
         ADD_FAILURE() << "the child did not end within " << (deadline * DEADLINE_FACTOR).count() << " ms";
+    }
     return result;
 }
 

@@ -8,11 +8,9 @@
 
 // How a child ended. Exactly one of exitCode >= 0, signal != 0 holds.
 struct child_result_t {
-    int exitCode = -1;     // 0: the body came back and every expectation in it held; 1: one failed, or memory leaked
-    int signal = 0;        // the signal that ended the child, SIGKILL after the deadline
-    bool timedOut = false; // killed at the deadline; the running test has failed then
-    bool skipped = false;  // the child asked for what this machine does not have; the running test is marked skipped
-    std::string err;       // what the child, and what it started, wrote to standard error
+    int exitCode = -1; // 0: the body came back and every expectation in it held; 1: one failed, or memory leaked
+    int signal = 0;    // the signal that ended the child, SIGALRM at the deadline; the running test has failed then
+    std::string err;   // what the child, and what it started, wrote to standard error
 };
 
 // Forks, runs the body in the child and waits for its end. Expectations inside the body count: their messages go to

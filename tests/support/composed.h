@@ -36,13 +36,13 @@ template <typename T> void put(image_bytes_t *pImage, size_t offset, const T &va
 }
 
 // A file of the pieces, one after the other from the front; reading begins with the piece `oldest`.
-inline image_bytes_t compose(const std::vector<piece_t> &pieces, size_t oldest, uint32_t size = FILE_SIZE) {
-    image_bytes_t image(size);
+inline image_bytes_t compose(const std::vector<piece_t> &pieces, size_t oldest) {
+    image_bytes_t image(FILE_SIZE);
     trace_file_header_t header = {};
     header.uProperties = std::endian::native == std::endian::little ? TR_PROPERTY_LITTLE_ENDIAN : 0;
     header.uVersion = TR_VERSION;
     header.uOffset = TR_DATA_OFFSET;
-    header.uActualFileSize = size;
+    header.uActualFileSize = FILE_SIZE;
     header.timeInfo = {SECOND, NOON};
     header.uPid = 77;
     strcpy(header.program, "/opt/bin/tool\x1b[1m");
@@ -52,7 +52,7 @@ inline image_bytes_t compose(const std::vector<piece_t> &pieces, size_t oldest, 
         const piece_t &piece = pieces[i];
         if (i == oldest)
             header.uOldestRecordOffset = offset;
-        const uint32_t length = piece.length == REST ? size - offset : piece.length;
+        const uint32_t length = piece.length == REST ? FILE_SIZE - offset : piece.length;
         const uint64_t timeStamp = piece.timeStamp != 0 ? piece.timeStamp : piece.seqNumber * uint64_t{1000};
         put(&image, offset,
             trace_record_header_t{

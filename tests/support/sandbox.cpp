@@ -21,19 +21,14 @@ static void check(bool bDone, const std::string &what) {
         throw std::system_error(errno, std::generic_category(), what);
 }
 
-static void write_file(const std::string &path, const std::string &text) {
-    check(bool(std::ofstream(path) << text << std::flush), path); // in one piece
-}
-
 // Users get the right to mount in a user namespace, in which they stay who they are.
 static void unshare_mounts() {
-    const std::string uid = std::to_string(geteuid());
-    const std::string gid = std::to_string(getegid());
+    const std::string uid = std::to_string(geteuid()), gid = std::to_string(getegid());
     if (unshare(CLONE_NEWNS) != 0) {
         check(unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0, "a user namespace");
-        write_file("/proc/self/setgroups", "deny");
-        write_file("/proc/self/uid_map", uid + " " + uid + " 1");
-        write_file("/proc/self/gid_map", gid + " " + gid + " 1");
+        std::ofstream("/proc/self/setgroups") << "deny";
+        std::ofstream("/proc/self/uid_map") << uid + " " + uid + " 1"; // in one piece
+        std::ofstream("/proc/self/gid_map") << gid + " " + gid + " 1";
     }
     check(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0, "private mounts");
 }

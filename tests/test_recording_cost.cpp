@@ -1,4 +1,4 @@
-// What recording must not cost: allocations, system calls, stack. The sanitizers do all that by themselves: nothing of it can
+// What recording must not cost: memory, system calls, stack. The sanitizers do all that by themselves: nothing of it can
 // be measured under them.
 #include "tests/support/recording_calls.h"
 #include "tests/support/tracing.h"
@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 
 #include <climits>
+#include <fstream>
 
 static uint64_t numAllocations = 0;
 
@@ -101,4 +102,24 @@ TEST_F(RecordingCost, IsNoMoreThanTheSmallestStack) {
     });
 }
 
+// Private dirty memory of the process.
+static long num_dirty_kib() {
+    std::ifstream in("/proc/self/smaps_rollup");
+    std::string word;
+    while (in >> word && word != "Private_Dirty:") {
+    }
+    long kib = -1;
+    in >> kib;
+    return kib;
+}
+
+TEST_F(RecordingCost, IsLittleMemoryForAFile) {
+    in_child([this] {
+        (void)num_dirty_kib(); // its own needs
+        const long before = num_dirty_kib();
+        EXPECT_EQ(record_many(start_and_fail()), 0);
+        EXPECT_GT(before, 0);
+        EXPECT_LE(num_dirty_kib() - before, 200);
+    });
+}
 #endif

@@ -19,7 +19,7 @@ using Texts = Tracing;
 using Errors = Tracing;
 
 static constexpr uint32_t ALL = UINT32_MAX;
-static const char *pNone = nullptr; // where the compiler would know better
+static const char *volatile pNone = nullptr; // where the compiler would know better
 static const char *pBad = "%ls";    // fails with the argument L"\xd800"
 
 // The bytes of words.

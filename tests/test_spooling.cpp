@@ -46,6 +46,7 @@ extern "C" ssize_t __wrap_write(int fd, const void *pData, size_t size) {
 // The system log, which this program stands in for.
 static std::mutex logMutex; // guards the lines
 static std::vector<std::pair<int, std::string>> logLines;
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's names are not for programs
 extern "C" void openlog(const char *pIdent, int options, int facility) {
     EXPECT_TRUE(strcmp(pIdent, "zorv_trace") == 0 && (options & LOG_PID) != 0 && facility == LOG_DAEMON);
 }
@@ -55,6 +56,7 @@ extern "C" void vsyslog(int priority, const char *pFormat, va_list values) {
     const std::lock_guard guard(logMutex);
     logLines.emplace_back(priority, text);
 }
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
 
 // ---- The configuration file ----
 

@@ -99,10 +99,8 @@ TEST_F(Query, RefusesWhatIsNoFileOfAPage) {
         check(path.c_str(), "18 18 2");
         check(dir.path().c_str(), "20 20 " + dir.path());
         check(fifo.c_str(), "20 20 " + fifo);
-        for (const uint64_t size : {0xfffULL, 3ULL << 30, (4ULL << 30) + 0xfff}) { // of which 32 bits count
-            fs::resize_file(large, size);
-            check(large.c_str(), "36 37 " + large);
-        }
+        fs::resize_file(large, (4ULL << 30) + 0xfff); // of which 32 bits count
+        check(large.c_str(), "36 37 " + large);
         fs::resize_file(large, (4ULL << 30) + 4096);
         EXPECT_EQ(tr_open_query_1(large.c_str(), nullptr), 37);
         EXPECT_EQ(tr_open_query_1(large.c_str(), &handle) + tr_close_query_1(handle), 0);

@@ -158,6 +158,10 @@ TEST_F(Spool, AFileIsRemovedOnlyWhenThatIsWantedAndItIsCopied) {
         ASSERT_TRUE(eventually([this] { return !fs::exists(dir.file("last")); }));
         EXPECT_THAT(names_in(dir.path()), UnorderedElementsAre("copies", "kept 0", "kept 2", "not copied"));
         EXPECT_EQ(names_in(copies).size(), 3U);
+        const std::string tooLong(4096, 'x');
+        EXPECT_EQ(tr_copy_file_1("/dev/null", tooLong.c_str(), 0), 1);
+        EXPECT_EQ(last_error(), "17 17 " + tooLong);
+        tr_term(); // the thread has read `copies` and `none`
     });
 }
 

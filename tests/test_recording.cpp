@@ -1,5 +1,6 @@
 // What programs call: recording functions and what they store, the registry of components, and how the library begins
 // and ends in a process.
+#include <syslog.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -170,6 +171,38 @@ TEST_F(Registry, Takes255CategoriesAndStopsTheFilesWithTheLastThatRecords) {
 }
 
 // ---- The library in its process ----
+
+static std::string logged; // what was told the system log, up to the name of a trace file
+
+// NOLINTBEGIN(readability-inconsistent-declaration-parameter-name): the C library's names are not for programs
+extern "C" void openlog(const char *pIdent, int options, int facility) {
+    EXPECT_TRUE(strcmp(pIdent, "zorv_trace") == 0 && (options & LOG_PID) != 0 && facility == LOG_DAEMON);
+}
+extern "C" void vsyslog(int priority, const char *pFormat, va_list values) {
+    char text[512];
+    (void)vsnprintf(text, sizeof text, pFormat, values);
+    EXPECT_EQ(priority, LOG_WARNING);
+    if (strstr(text, "/kz_test_") != nullptr) // what comes behind the name differs from run to run
+        logged += std::string(text, strcspn(text, "/")) + "|";
+}
+// NOLINTEND(readability-inconsistent-declaration-parameter-name)
+
+TEST_F(Library, TellsTheSystemLogAsMuchAsTheDebugLevelSays) {
+    for (const std::string level : {"0x8", "7", ""}) {
+        in_child([&] {
+            (void)setenv("KZ_TR_DEBUG_LEVEL", level.c_str(), 1);
+            ASSERT_EQ(start(path), 0);
+            EXPECT_EQ(tr_unregister_component_1("ABCD"), 0);
+            EXPECT_EQ(
+                logged,
+                level != "0x8"
+                    ? ""
+                    : ">>start_trace enter for |\ttrace: uSize(65536) != statData.st_size(0) for |\ttrace: reInit for |"
+                      "\ttrace: reInit block for | +++ |<<start_trace exit for |*** stop_trace for |"
+                      "**@ stop_trace_page enter for |stop_trace_page leaving for |");
+        });
+    }
+}
 
 TEST_F(Library, RecordsNothingInAForkedChild) {
     in_child([&]() TR_UNCHECKED {

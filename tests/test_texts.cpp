@@ -20,7 +20,7 @@ using Errors = Tracing;
 
 static constexpr uint32_t ALL = UINT32_MAX;
 static const char *volatile pNone = nullptr; // where the compiler would know better
-static const char *pBad = "%ls";    // fails with the argument L"\xd800"
+static const char *pBad = "%ls";             // fails with the argument L"\xd800"
 
 // The bytes of words.
 static std::string words(std::initializer_list<uint32_t> values) {

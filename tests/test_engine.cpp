@@ -147,6 +147,7 @@ TEST_F(Start, ReportsWhyAFileCannotBeHad) {
     check(path, {"fstatfs"}, "19 35");
     check(path, {"fstat", EIO}, "19 19 -1");
     check(path, {"fstatvfs", EIO}, "22 22 5");
+    check(path, {"write", EIO}, "23 23 5");
     check(path, {"write", EDQUOT, 7}, "35 36"); // short of the smallest size
     check(path, {"mmap", ENOMEM}, "21 21 12");
     in_child([&] {
@@ -311,6 +312,13 @@ TEST_F(Ring, AsksATailReaderToCatchUp) {
         EXPECT_EQ(reserve(1948), 200U);
         reader.join();
         expect(0, 99, 0);
+        // Longer than the file can ever hold, and nobody answers: the history stays.
+        const std::string history(file.pBytes + 200, 3896);
+        for (const uint32_t length : {3896U - 28 + 4, 0xfffffff0U, 0xfffffffcU}) {
+            request();
+            EXPECT_EQ(reserve(length), 0U);
+            EXPECT_EQ(memcmp(file.pBytes + 200, history.data(), history.size()), 0) << length;
+        }
         request();
         EXPECT_EQ(reserve(3896 - 28), 200U);
         expect(0x8000, 1, 0);
